@@ -7,6 +7,8 @@ namespace zel::test {
 // True under the user-mode emulator (qemu-arm), which passes system calls on to the host's kernel
 // and lacks some of them. A case that needs one of those is skipped there by name with the reason;
 // it runs on the emulated board (scripts/board), which has a kernel of its own.
-inline bool running_under_user_emulation() { return std::getenv("ZEL_USER_EMULATION") != nullptr; }
+inline bool running_under_user_emulation() {
+    return std::getenv("ZEL_USER_EMULATION") != nullptr;
+}
 
 } // namespace zel::test
