@@ -1,0 +1,38 @@
+/* Sleeps, clocks, and the guards of function-local static objects. No state, no lock, any thread.
+ */
+#ifndef ZELKERNEL_CLOCK_H
+#define ZELKERNEL_CLOCK_H
+
+#include <zelkernel/config.h>
+
+#include <sys/types.h>
+#include <time.h>
+
+ZEL_BEGIN_DECLS
+
+/* Sleep for the whole time: a sleep that a signal cuts short is resumed for what remained. Return 0
+ * after it (sleep too: never a remainder), or -1 with errno; a negative `ms` gives EINVAL. usec may
+ * be any 32-bit value, a second and more included. */
+ZEL_EXPORT int __wrap_sleep(unsigned int seconds);
+ZEL_EXPORT int __wrap_usleep(useconds_t usec);
+ZEL_EXPORT int sleepMs(int ms);
+
+/* clock_gettime, with CLOCK_MONOTONIC counting from zel_kernel_init (before it: from boot). Other
+ * clocks are the system's. 0, or -1 with errno. */
+ZEL_EXPORT int __wrap_clock_gettime(clockid_t clock, struct timespec* tp);
+
+/* clock_settime; afterwards, also when it failed, the clock-change callback given to
+ * zel_kernel_init runs in this thread with the clock and the time it showed before. Returns the
+ * system's result; errno is that of the system's call unless the callback changes it. */
+ZEL_EXPORT int __wrap_clock_settime(clockid_t clock, const struct timespec* tp);
+
+/* The C++ ABI's guards, without a lock: acquire gives 1 while the first byte of the guard is 0, and
+ * release sets it. Two threads that reach an uninitialised local static at once may both initialise
+ * it; initialise such objects before starting threads. Nobody ever waits here. */
+ZEL_EXPORT int __wrap___cxa_guard_acquire(void* guard);
+ZEL_EXPORT void __wrap___cxa_guard_release(void* guard);
+ZEL_EXPORT void __wrap___cxa_guard_abort(void* guard);
+
+ZEL_END_DECLS
+
+#endif

@@ -1,0 +1,74 @@
+// Processor count and the calling thread's processors.
+#include <zelkernel/affinity.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <sched.h>
+
+extern "C" {
+int32_t num_processors;
+}
+
+namespace {
+
+// The last line that `command` prints, as a number; 0 when it prints none.
+int last_number_of(const char* command) {
+    FILE* stream = popen(command, "re");
+    if (stream == nullptr)
+        std::exit(1);
+    char line[128];
+    long number = 0;
+    while (std::fgets(line, sizeof line, stream) != nullptr)
+        number = std::strtol(line, nullptr, 10);
+    pclose(stream);
+    return static_cast<int>(number);
+}
+
+int cached_count() {
+    return __atomic_load_n(&num_processors, __ATOMIC_RELAXED);
+}
+
+} // namespace
+
+int getNumOfCpus() {
+    if (const int known = cached_count())
+        return known;
+    const int count = std::max(1, last_number_of("grep -c processor /proc/cpuinfo"));
+    __atomic_store_n(&num_processors, count, __ATOMIC_RELAXED);
+    return count;
+}
+
+int setThreadAffinityCPU(int cpu) {
+    const int count = getNumOfCpus();
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (cpu >= 0) {
+        CPU_SET(static_cast<size_t>(cpu % count), &set);
+    } else {
+        for (int i = 0; i < count; ++i)
+            CPU_SET(static_cast<size_t>(i), &set);
+    }
+    return pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+}
+
+int setThreadAffinityAllCpus() {
+    return setThreadAffinityCPU(-1);
+}
+
+int setThreadAffinityCPU0() {
+    return setThreadAffinityCPU(0);
+}
+
+uint32_t getThreadAffinityCPU() {
+    cpu_set_t set;
+    if (pthread_getaffinity_np(pthread_self(), sizeof set, &set) != 0)
+        return 0;
+    uint32_t bits = 0;
+    for (int cpu = 0; cpu < std::min(cached_count(), 32); ++cpu) {
+        if (CPU_ISSET(static_cast<size_t>(cpu), &set))
+            bits |= uint32_t{1} << cpu;
+    }
+    return bits;
+}

@@ -1,0 +1,83 @@
+// Condition variables: deadlines on CLOCK_MONOTONIC are moved from the kernel's time base to the
+// system's.
+//
+// cond_clock_map remembers the clock of each condition variable; cond_clock_map_mutex guards it.
+// Threads: any. No other lock is taken while it is held, and nobody waits under it.
+#include "NeverDestroyed.hpp"
+#include "PosixLock.hpp"
+#include "Uptime.hpp"
+
+#include <zelkernel/conditions.h>
+#include <zelkernel/locks.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <map>
+#include <new>
+
+namespace {
+
+struct CondClockEntry {
+    pthread_cond_t* cond;
+    clockid_t clock;
+};
+using CondClockMap = std::map<std::uintptr_t, CondClockEntry>;
+
+zel::NeverDestroyed<CondClockMap> cond_clock_map;
+
+pthread_mutex_t cond_clock_map_mutex = [] {
+    pthread_mutex_t mutex;
+    __wrap_pthread_mutex_init(&mutex, nullptr);
+    return mutex;
+}();
+
+std::uintptr_t key_of(const pthread_cond_t* cond) {
+    return reinterpret_cast<std::uintptr_t>(cond);
+}
+
+clockid_t clock_of(const pthread_condattr_t* attr) {
+    clockid_t clock = CLOCK_REALTIME;
+    if (attr != nullptr)
+        pthread_condattr_getclock(attr, &clock);
+    return clock;
+}
+
+// The clock of `cond`. One that is not known is on CLOCK_REALTIME, and is remembered as such if
+// there is memory for it.
+clockid_t known_clock(pthread_cond_t* cond) {
+    const zel::PosixLock lock{cond_clock_map_mutex};
+    try {
+        const auto entry =
+            cond_clock_map->try_emplace(key_of(cond), CondClockEntry{cond, CLOCK_REALTIME}).first;
+        return entry->second.clock;
+    } catch (const std::bad_alloc&) {
+        return CLOCK_REALTIME;
+    }
+}
+
+} // namespace
+
+int __wrap_pthread_cond_init(pthread_cond_t* cond, const pthread_condattr_t* attr) {
+    const zel::PosixLock lock{cond_clock_map_mutex};
+    try {
+        cond_clock_map->try_emplace(key_of(cond), CondClockEntry{cond, clock_of(attr)});
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+    return pthread_cond_init(cond, attr);
+}
+
+int __wrap_pthread_cond_destroy(pthread_cond_t* cond) {
+    const zel::PosixLock lock{cond_clock_map_mutex};
+    const int result = pthread_cond_destroy(cond);
+    cond_clock_map->erase(key_of(cond));
+    return result;
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                  const timespec* abstime) {
+    if (known_clock(cond) != CLOCK_MONOTONIC)
+        return pthread_cond_timedwait(cond, mutex, abstime);
+    const timespec deadline = zel::to_monotonic(*abstime);
+    return pthread_cond_timedwait(cond, mutex, &deadline);
+}

@@ -1,0 +1,81 @@
+// Process-wide kernel state, the fatal stop and the context queries.
+#include "KernelState.hpp"
+
+#include "PriorityShift.hpp"
+
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <sys/uio.h>
+#include <unistd.h>
+
+extern "C" {
+KernelPriorities kernel_priorities;
+uint8_t priorities_initialized;
+uint8_t initialized;
+timespec starttime;
+int64_t starttimeInNs;
+zel_update_rtc_func updateRTCFunc;
+pthread_mutex_t interrupts_disabled_mutex;
+uint8_t useInterruptMutex;
+}
+
+static_assert(sizeof(KernelPriorities) == 36);
+#if UINTPTR_MAX == 0xffffffffu
+static_assert(sizeof(timespec) == 8);
+#endif
+
+namespace zel {
+
+pthread_t kcall_thread_id = static_cast<pthread_t>(-1);
+
+int linux_priority(int relative_priority) {
+    return wrapping_add(relative_priority, kernel_priorities.linux_base_priority);
+}
+
+} // namespace zel
+
+namespace {
+
+iovec text(const char* s) {
+    return {const_cast<char*>(s), std::strlen(s)};
+}
+
+} // namespace
+
+// One writev instead of stdio: it works on what is left of a 16 KiB stack, with a damaged heap, and
+// the line stays in one piece when several threads write.
+void zel_fatal(const char* message, const char* file, int line) {
+    char number[12];
+    const auto end = std::to_chars(number, number + sizeof number, line).ptr;
+    const iovec parts[] = {text(file), text(":"),     {number, static_cast<size_t>(end - number)},
+                           text(" "),  text(message), text("\n")};
+    // A standard error that cannot be written leaves nothing else to report to.
+    [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, parts, std::size(parts));
+    std::abort();
+}
+
+int zel_initialized() {
+    return initialized;
+}
+
+int zel_get_current_context() {
+    return pthread_equal(pthread_self(), zel::kcall_thread_id) != 0;
+}
+
+int isItSafeToBlock() {
+    return zel_get_current_context() == 0;
+}
+
+int AdAreInterruptsEnabled() {
+    return 1;
+}
+
+int zel_timer_priority() {
+    return zel::linux_priority(kernel_priorities.timer_priority);
+}
+
+void* zel_get_interrupt_mgr() {
+    return nullptr;
+}

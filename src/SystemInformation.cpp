@@ -1,0 +1,71 @@
+// Memory from /proc/meminfo, and the kernel's uptime.
+#include "Uptime.hpp"
+
+#include <zelkernel/system.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+constexpr int line_size = 100;
+
+File open_meminfo() {
+    File file{std::fopen("/proc/meminfo", "re")};
+    if (!file)
+        std::printf("Failed to open file /proc/meminfo\n");
+    return file;
+}
+
+// The value of a "Key:   123 kB" line in bytes.
+int64_t bytes_of(const char* line) {
+    const char* colon = std::strchr(line, ':');
+    if (colon == nullptr || colon[1] == '\0')
+        return 0;
+    return static_cast<int64_t>(std::strtol(colon + 2, nullptr, 10)) * 1024;
+}
+
+} // namespace
+
+uint64_t zel_get_total_mem() {
+    const File file = open_meminfo();
+    if (!file)
+        return 0;
+    char line[line_size];
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+        if (std::strstr(line, "MemTotal") != nullptr)
+            return static_cast<uint64_t>(bytes_of(line));
+    }
+    return 0;
+}
+
+int64_t zel_get_free_mem() {
+    const File file = open_meminfo();
+    if (!file)
+        return 0;
+    char line[line_size];
+    int64_t sum = 0;
+    int found = 0;
+    while (found < 2 && std::fgets(line, sizeof line, file.get()) != nullptr) {
+        if (std::strstr(line, "MemFree:") == nullptr && std::strstr(line, "Inactive:") == nullptr)
+            continue;
+        sum += bytes_of(line);
+        ++found;
+    }
+    return sum;
+}
+
+int zel_get_uptime(timespec* ts) {
+    return zel::read_uptime(ts);
+}
+
+int64_t zel_get_starttime_in_ns() {
+    return starttimeInNs;
+}

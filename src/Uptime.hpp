@@ -1,0 +1,64 @@
+// Time arithmetic between the system's monotonic clock and the kernel's, which starts at
+// zel_kernel_init. The target has no division instruction and applications read the clock all the
+// time, so divisions are kept for values that are not normalised.
+#pragma once
+
+#include <zelkernel/kernel.h>
+
+#include <cstdint>
+#include <time.h>
+
+namespace zel {
+
+constexpr int64_t nanoseconds_per_second = 1'000'000'000;
+
+// starttimeInNs is the reference that counts; starttime is its quotient and remainder unless the
+// application has changed one of them. Told by a multiplication.
+inline bool starttime_is_split() {
+    return starttimeInNs ==
+           static_cast<int64_t>(starttime.tv_sec) * nanoseconds_per_second + starttime.tv_nsec;
+}
+
+inline void split_nanoseconds(uint64_t ns, timespec& to) {
+    to.tv_sec = static_cast<time_t>(ns / nanoseconds_per_second);
+    to.tv_nsec = static_cast<long>(ns % nanoseconds_per_second);
+}
+
+// CLOCK_MONOTONIC less the start time.
+inline int read_uptime(timespec* ts) {
+    const int result = clock_gettime(CLOCK_MONOTONIC, ts);
+    if (result != 0) [[unlikely]]
+        return result;
+    if (!starttime_is_split()) [[unlikely]] {
+        const int64_t now = static_cast<int64_t>(ts->tv_sec) * nanoseconds_per_second + ts->tv_nsec;
+        split_nanoseconds(static_cast<uint64_t>(now - starttimeInNs), *ts);
+        return 0;
+    }
+    ts->tv_sec -= starttime.tv_sec;
+    ts->tv_nsec -= starttime.tv_nsec;
+    if (ts->tv_nsec < 0) {
+        ts->tv_nsec += nanoseconds_per_second;
+        --ts->tv_sec;
+    }
+    return 0;
+}
+
+// A deadline on the kernel's clock as a deadline on CLOCK_MONOTONIC.
+inline timespec to_monotonic(const timespec& uptime) {
+    timespec result = uptime;
+    const bool normalised = uptime.tv_nsec >= 0 && uptime.tv_nsec < nanoseconds_per_second;
+    if (!normalised || !starttime_is_split()) [[unlikely]] {
+        split_nanoseconds(static_cast<uint64_t>(starttimeInNs + uptime.tv_nsec), result);
+        result.tv_sec += uptime.tv_sec;
+        return result;
+    }
+    result.tv_sec += starttime.tv_sec;
+    result.tv_nsec += starttime.tv_nsec;
+    if (result.tv_nsec >= nanoseconds_per_second) {
+        result.tv_nsec -= nanoseconds_per_second;
+        ++result.tv_sec;
+    }
+    return result;
+}
+
+} // namespace zel
