@@ -38,7 +38,9 @@ ZEL_EXPORT int __wrap_pthread_attr_getstack(const pthread_attr_t* attr, void** s
 ZEL_EXPORT int __wrap_pthread_attr_setstack(pthread_attr_t* attr, void* stackaddr,
                                             size_t stacksize);
 
-/* pthread_attr_setschedparam with an application priority. A failure is reported. */
+/* pthread_attr_setschedparam with an application priority. A failure is reported: EINVAL too when
+ * the object's policy is not yet SCHED_FIFO, since glibc checks the priority against it. Set the
+ * policy first. */
 ZEL_EXPORT int __wrap_pthread_attr_setschedparam(pthread_attr_t* attr,
                                                  const struct sched_param* param);
 

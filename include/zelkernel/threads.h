@@ -27,7 +27,8 @@ ZEL_BEGIN_DECLS
  * attr  may be null: the thread then gets the creator's own priority (glibc's rule for explicit
  *       scheduling without a parameter; EINVAL when that is not a SCHED_FIFO priority). A priority
  *       put in with the wrapped pthread_attr_setschedparam is already a Linux priority here and is
- *       taken over unchanged.
+ *       taken over unchanged; attributes without one hold 0, which SCHED_FIFO refuses (a reported
+ *       step) and which leaves the creator's priority.
  *
  * Returns 0, or an error number, which errno then holds too; `*thread` is then 0 and one line on
  * standard error tells the failing step:
