@@ -28,7 +28,7 @@ static_assert(sizeof(timespec) == 8);
 
 namespace zel {
 
-pthread_t kcall_thread_id = static_cast<pthread_t>(-1);
+std::atomic<pthread_t> kcall_thread_id = static_cast<pthread_t>(-1);
 
 int linux_priority(int relative_priority) {
     return wrapping_add(relative_priority, kernel_priorities.linux_base_priority);

@@ -199,6 +199,7 @@ int kcall_dequeue(zel_word_t function, zel_word_t a1, zel_word_t a2, zel_word_t 
 
 // The tick signal's default action ends the process: it is blocked before the timer can fire.
 void process() {
+    zel::kcall_thread_id = pthread_self();
     setThreadAffinityAllCpus();
     __wrap_pthread_setname_np(pthread_self(), "KCall");
     block_tick_signal();
