@@ -1,5 +1,6 @@
 // zel_kernel_init: the one module that knows all others.
 #include "KernelState.hpp"
+#include "Statistics.hpp"
 
 #include <zelkernel/deferred_service.hpp>
 #include <zelkernel/kcall.h>
@@ -85,6 +86,7 @@ int zel_kernel_init(KernelPriorities priorities, uint32_t tick_period_us, uint32
     take_start_time();
     updateRTCFunc = update_rtc_func;
     initialize_interrupts_disabled_mutex();
+    zel::publish_statistics();
     start_kernel_calls(run_poller, tick_period_us);
     LinuxDeferredServiceController::getInstance();
     zel_tun_init();

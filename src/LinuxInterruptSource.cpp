@@ -1,6 +1,7 @@
 // Interrupt sources and the default routine. A source belongs to the application's set-up threads;
 // the interrupt thread reads `isr` once per pulse.
 #include "InterruptPlatform.hpp"
+#include "Statistics.hpp"
 
 #include <zelkernel/interrupt_source.hpp>
 #include <zelkernel/kernel.h>
@@ -89,6 +90,7 @@ void LinuxInterruptSource::ignoreControl() {}
 
 void LinuxInterruptSource::process() {
     isr->isr();
+    zel::count_interrupt(static_cast<uint32_t>(interruptVector));
     enable();
 }
 

@@ -5,6 +5,8 @@
 // releases it around each queued call. The system's lock calls are used throughout: the posix locks
 // switch must not open the queue to races with its own thread.
 #include "KernelState.hpp"
+#include "Statistics.hpp"
+#include "Uptime.hpp"
 
 #include <zelkernel/affinity.h>
 #include <zelkernel/kcall.h>
@@ -12,6 +14,7 @@
 #include <zelkernel/scheduling.h>
 #include <zelkernel/threads.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <limits>
@@ -107,11 +110,26 @@ void start_tick() {
     timer_settime(timer_id, 0, &period, nullptr);
 }
 
+// What has passed of the period that runs now: the timer's own view, free of drift.
+void measure_lateness() {
+    itimerspec left{};
+    if (timer_gettime(timer_id, &left) != 0)
+        return;
+    const int64_t late = (tick_period.tv_sec - left.it_value.tv_sec) * zel::nanoseconds_per_second +
+                         tick_period.tv_nsec - left.it_value.tv_nsec;
+    zel::count_tick_lateness(static_cast<uint32_t>(std::max<int64_t>(0, late)));
+    zel::count(zel::statistics->ticks_missed,
+               static_cast<uint32_t>(std::max(0, timer_getoverrun(timer_id))));
+}
+
 // One sigwait stands for however many periods have passed.
 void wait_for_tick() {
     int signal = 0;
     while (sigwait(&mask, &signal) != 0) {
     }
+    zel::count(zel::statistics->ticks);
+    if (zel::statistics_are_published())
+        measure_lateness();
 }
 
 void run_call(const KernelCall& call) {
@@ -120,15 +138,25 @@ void run_call(const KernelCall& call) {
                                                         call.arguments[2]);
 }
 
+void count_pending_calls() {
+    const auto pending = static_cast<uint32_t>(KCallIn - KCallOut) % ZEL_KCALL_ENTRIES;
+    zel::statistics->calls_last_pass = pending;
+    zel::statistics->calls_high_water = std::max(zel::statistics->calls_high_water, pending);
+}
+
 // The entry stays in the ring while its call runs, so that it counts as pending until it is done.
 void run_pending_calls() {
     ++KCallLevel;
+    count_pending_calls();
+    uint32_t calls = 0;
     KernelCall* entry = KCallOut;
     do {
         entry = next(entry);
         run_call(*entry);
         KCallOut = entry;
+        ++calls;
     } while (KCallIn != entry);
+    zel::count(zel::statistics->calls_run, calls);
     --KCallLevel;
 }
 
@@ -168,6 +196,7 @@ pthread_t kcall_initialize_queue(zel_run_poller_func run_poller, uint32_t tick_p
     KCallRunPoller = run_poller;
     KCall_nsTickPeriod = tick_period_us * 1000u;
     tick_period = period_of(tick_period_us);
+    zel::statistics->tick_period_ns = KCall_nsTickPeriod;
     if (__wrap_pthread_mutex_init(&kcall_mutex, nullptr) != 0)
         zel_fatal("Could not create KCALL mutex.", module_file, 132);
     kcall_thread = start_thread();
@@ -177,10 +206,12 @@ pthread_t kcall_initialize_queue(zel_run_poller_func run_poller, uint32_t tick_p
 int kcall_enqueue(zel_word_t function, zel_word_t a1, zel_word_t a2, zel_word_t a3) {
     const QueueLock lock;
     KernelCall* const entry = next(KCallIn);
-    if (entry != KCallOut) {
-        *entry = {function, {a1, a2, a3}};
-        KCallIn = entry;
+    if (entry == KCallOut) {
+        zel::count(zel::statistics->calls_dropped);
+        return 0;
     }
+    *entry = {function, {a1, a2, a3}};
+    KCallIn = entry;
     return 0;
 }
 

@@ -1,0 +1,84 @@
+#include "Statistics.hpp"
+
+#include <zelkernel/kernel.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
+
+static_assert(sizeof(zel_statistics_vector) == 12 && sizeof(zel_statistics_device) == 28 &&
+              sizeof(zel_statistics) == 8148);
+
+namespace {
+
+zel_statistics private_statistics;
+
+bool published = false;
+
+// The descriptor stays open: it is what other processes find the file by.
+zel_statistics* map_memory_file() {
+    const int fd = memfd_create("zelkernel-stats", MFD_CLOEXEC);
+    if (fd == -1)
+        return nullptr;
+    if (ftruncate(fd, sizeof(zel_statistics)) == 0) {
+        void* map =
+            mmap(nullptr, sizeof(zel_statistics), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (map != MAP_FAILED)
+            return static_cast<zel_statistics*>(map);
+    }
+    close(fd);
+    return nullptr;
+}
+
+} // namespace
+
+namespace zel {
+
+zel_statistics* statistics = &private_statistics;
+
+void publish_statistics() {
+    if (std::getenv("ZELKERNEL_STATS") == nullptr)
+        return;
+    zel_statistics* shared = map_memory_file();
+    if (shared == nullptr) {
+        std::perror("zel_kernel_init: no memory file for ZELKERNEL_STATS");
+        return;
+    }
+    *shared = *statistics;
+    static_assert(sizeof kernel_priorities == sizeof shared->priorities);
+    std::memcpy(shared->priorities, &kernel_priorities, sizeof kernel_priorities);
+    shared->version = ZEL_STATISTICS_VERSION;
+    shared->magic = ZEL_STATISTICS_MAGIC;
+    statistics = shared;
+    published = true;
+}
+
+bool statistics_are_published() {
+    return published;
+}
+
+void count_interrupt(std::uint32_t vector) {
+    for (zel_statistics_vector& slot : statistics->vectors) {
+        if (slot.used == 0) {
+            slot.vector = vector;
+            __atomic_store_n(&slot.used, 1, __ATOMIC_RELEASE);
+        }
+        if (slot.vector == vector) {
+            count(slot.interrupts);
+            return;
+        }
+    }
+    count(statistics->interrupts_of_other_vectors);
+}
+
+void count_tick_lateness(std::uint32_t ns) {
+    statistics->lateness_last_ns = ns;
+    statistics->lateness_max_ns = std::max(statistics->lateness_max_ns, ns);
+    count(statistics->lateness[ns == 0 ? 0 : std::bit_width(ns) - 1]);
+}
+
+} // namespace zel
