@@ -54,8 +54,9 @@ ZEL_EXPORT void zel_tun_ipv6_create(char* output, size_t output_size, const char
 
 /* Unregisters the device and queues its deletion, which the receive thread carries out soon
  * afterwards, in the order of the calls; without a receive thread the device stays. `output` is set
- * to the empty text (`output_size` is not used); a failing deletion is not reported. An index that
- * is not registered still has the deletion command run for its device name.
+ * to the empty text (`output_size` is not used); a failing deletion is not reported, and neither is
+ * a lack of memory, which leaves the device as it was. An index that is not registered still has
+ * the deletion command run for its device name.
  *
  * A packet that another thread is sending or receiving at this moment still goes through the old
  * device. The descriptor is closed as soon as nobody uses it, never under a running read or write,
@@ -79,7 +80,7 @@ typedef void (*zel_tun_alloc_buffer_t)(void** handle_out, void** data_out, int s
 /* Takes back a buffer that could not be filled. */
 typedef void (*zel_tun_free_buffer_t)(void* handle);
 
-/* Starts the receive thread, named "IpStackSyncRxP" by Linux's limit of 15 characters, under
+/* Starts the receive thread, "IpStackSyncRxP~" by name, under
  * SCHED_FIFO at `priority`, in the application's numbering. Call it once. The thread runs until the
  * process ends; without a TUN driver it ends at once.
  *

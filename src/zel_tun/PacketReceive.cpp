@@ -1,0 +1,137 @@
+// The receive thread.
+#include "PendingDeletes.hpp"
+#include "ReceiveSnapshot.hpp"
+#include "State.hpp"
+
+#include <zelkernel/kernel.h>
+#include <zelkernel/scheduling.h>
+#include <zelkernel/threads.h>
+#include <zelkernel/tun.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace zel::network {
+namespace {
+
+struct TunRxCallbacks {
+    zel_tun_receive_t receive;
+    zel_tun_alloc_buffer_t alloc_buffer;
+    zel_tun_free_buffer_t free_buffer;
+};
+
+class Receiver {
+public:
+    explicit Receiver(const TunRxCallbacks& callbacks) : callbacks_(callbacks) {}
+
+    // Waits once and handles what is there: packets, one per device and in the order of the
+    // descriptors, then the wake-up pipe, then the queued deletions.
+    void pass();
+
+private:
+    fd_set wait_for_input();
+    void receive_packets(const fd_set& ready);
+    bool receive_packet(const WatchedDevice& device);
+    bool drain_wakeup_pipe();
+
+    TunRxCallbacks callbacks_;
+    ReceiveSnapshot snapshot_;
+    char scratch_[100];
+};
+
+void Receiver::pass() {
+    bool changed = snapshot_.refresh();
+    const fd_set ready = wait_for_input();
+    // Again: the IP stack must not get a packet of a device destroyed during the wait, nor one read
+    // with an MTU from before it.
+    changed |= snapshot_.refresh();
+    receive_packets(ready);
+    const bool woken = FD_ISSET(state->rx_wakeup_read_fd, &ready);
+    if (woken && !drain_wakeup_pipe())
+        return;
+    // And again: the snapshot must not be what holds a device open that is to be deleted.
+    changed |= snapshot_.refresh();
+    if (woken || changed)
+        run_pending_tun_deletes();
+}
+
+fd_set Receiver::wait_for_input() {
+    fd_set ready = snapshot_.set();
+    if (select(snapshot_.max_fd() + 1, &ready, nullptr, nullptr, nullptr) < 0)
+        zel_fatal("rx packet select() failure", module_file, 744);
+    return ready;
+}
+
+void Receiver::receive_packets(const fd_set& ready) {
+    for (const WatchedDevice& device : snapshot_.devices()) {
+        if (FD_ISSET(device.fd, &ready) && !receive_packet(device))
+            snapshot_.ignore(device.fd);
+    }
+}
+
+// False when the device is gone from Linux (its namespace was deleted): its descriptor would be
+// ready for ever, and this thread, busy with it, would keep the threads below it from running.
+bool Receiver::receive_packet(const WatchedDevice& device) {
+    void* handle = nullptr;
+    void* data = nullptr;
+    callbacks_.alloc_buffer(&handle, &data, device.mtu);
+    if (handle == nullptr)
+        return read(device.fd, scratch_, 1) >= 0 || errno != EBADFD;
+    const ssize_t length = read(device.fd, data, static_cast<size_t>(device.mtu));
+    if (length < 0) {
+        const bool is_gone = errno == EBADFD;
+        callbacks_.free_buffer(handle);
+        return !is_gone;
+    }
+    callbacks_.receive(device.index, handle, static_cast<int>(length));
+    return true;
+}
+
+bool Receiver::drain_wakeup_pipe() {
+    return read(state->rx_wakeup_read_fd, scratch_, sizeof scratch_) >= 0;
+}
+
+void* zel_tun_packet_receive(void* argument) {
+    const std::unique_ptr<Receiver> receiver{static_cast<Receiver*>(argument)};
+    if (state->rx_wakeup_read_fd == -1)
+        return nullptr;
+    for (;;)
+        receiver->pass();
+}
+
+int create_receive_thread(Receiver* receiver, int priority) {
+    pthread_attr_t attr;
+    __wrap_pthread_attr_init(&attr);
+    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
+    sched_param param{};
+    param.sched_priority = priority;
+    __wrap_pthread_attr_setschedparam(&attr, &param);
+    pthread_t thread{};
+    const int result = __wrap_pthread_create(&thread, &attr, zel_tun_packet_receive, receiver);
+    // Without a TUN driver the thread, detached, may be gone by now and must not be touched.
+    if (result == 0 && state->rx_wakeup_read_fd != -1)
+        __wrap_pthread_setname_np(thread, "IpStackSyncRxPacket");
+    pthread_attr_destroy(&attr);
+    return result;
+}
+
+} // namespace
+} // namespace zel::network
+
+using namespace zel::network;
+
+void zel_tun_packet_init(zel_tun_receive_t receive, zel_tun_alloc_buffer_t alloc_buffer,
+                         zel_tun_free_buffer_t free_buffer, int priority) try {
+    auto receiver = std::make_unique<Receiver>(TunRxCallbacks{receive, alloc_buffer, free_buffer});
+    // A refused thread has been reported by the creation call; the record is still ours then.
+    if (create_receive_thread(receiver.get(), priority) == 0)
+        receiver.release();
+} catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    std::perror("zel_tun_packet_init");
+}
