@@ -1,0 +1,77 @@
+# What is installed, and where. An application gets the library with the wrapping by any of
+#   find_package(zelkernel)                 zelkernel::zelkernel (zelkernel::unwrapped: without)
+#   pkg-config --libs zelkernel             (zelkernel-unwrapped: without)
+#   -Wl,@DATADIR/zelkernel/zelkernel.wrap   the linker's response file, for plain makefiles
+# and the installed tree works from wherever it is moved to.
+# Components: runtime (the library), development, and tools (tools/CMakeLists.txt).
+option(ZELKERNEL_INSTALL_MULTIARCH
+       "Install libraries into Debian's multiarch directory, whatever the prefix" OFF)
+if(ZELKERNEL_INSTALL_MULTIARCH)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-multiarch COMMAND_ERROR_IS_FATAL ANY
+                  OUTPUT_VARIABLE multiarch OUTPUT_STRIP_TRAILING_WHITESPACE)
+  set(CMAKE_INSTALL_LIBDIR "lib/${multiarch}")
+endif()
+set(ZEL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/zelkernel")
+set(ZEL_GENERATED_DIR "${PROJECT_BINARY_DIR}/installed")
+
+# Libraries and headers.
+install(TARGETS zelkernel_shared zelkernel_wrapped EXPORT zelkernel
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+if(TARGET zelkernel_simulated)
+  # All of it is for development: a target has an interrupt platform of its own.
+  install(TARGETS zelkernel_simulated EXPORT zelkernel-simulated
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+  install(FILES "${PROJECT_SOURCE_DIR}/platform/simulated/include/zelkernel/simulated_platform.h"
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelkernel COMPONENT development)
+  install(EXPORT zelkernel-simulated NAMESPACE zelkernel:: FILE zelkernel-simulated-targets.cmake
+    DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
+endif()
+
+# The CMake package.
+include(CMakePackageConfigHelpers)
+install(EXPORT zelkernel NAMESPACE zelkernel:: FILE zelkernel-targets.cmake
+  DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/zelkernel-config.cmake.in"
+  "${ZEL_GENERATED_DIR}/zelkernel-config.cmake" INSTALL_DESTINATION ${ZEL_CMAKE_DIR})
+write_basic_package_version_file("${ZEL_GENERATED_DIR}/zelkernel-config-version.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES "${ZEL_GENERATED_DIR}/zelkernel-config.cmake"
+              "${ZEL_GENERATED_DIR}/zelkernel-config-version.cmake"
+  DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
+
+# The linker's response file.
+list(TRANSFORM ZEL_WRAPPED_FUNCTIONS PREPEND "--wrap=" OUTPUT_VARIABLE lines)
+list(JOIN lines "\n" lines)
+file(CONFIGURE OUTPUT "${ZEL_GENERATED_DIR}/zelkernel.wrap" CONTENT "${lines}\n")
+install(FILES "${ZEL_GENERATED_DIR}/zelkernel.wrap"
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zelkernel COMPONENT development)
+
+# pkg-config files. They find their prefix from their own place, except below /usr: a system's tree
+# that stands elsewhere is given in PKG_CONFIG_SYSROOT_DIR, which would then be counted twice.
+file(RELATIVE_PATH prefix_from_pc "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
+install(CODE "set(relocatable_prefix \"\\\${pcfiledir}/${prefix_from_pc}\")" COMPONENT development)
+install(CODE [[
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(ZEL_PC_PREFIX /usr)
+  else()
+    set(ZEL_PC_PREFIX "${relocatable_prefix}")
+  endif()]] COMPONENT development)
+function(zel_install_pc name summary libs)
+  set(ZEL_PC_PREFIX "@ZEL_PC_PREFIX@") # known when it is installed
+  configure_file("${PROJECT_SOURCE_DIR}/cmake/zelkernel.pc.in" "${ZEL_GENERATED_DIR}/${name}.pc.in"
+                 @ONLY)
+  install(CODE "configure_file(\"${ZEL_GENERATED_DIR}/${name}.pc.in\"
+                               \"${ZEL_GENERATED_DIR}/${name}.pc\" @ONLY)" COMPONENT development)
+  install(FILES "${ZEL_GENERATED_DIR}/${name}.pc"
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endfunction()
+list(JOIN ZEL_WRAP_OPTIONS " " wrap_options)
+zel_install_pc(zelkernel "${PROJECT_DESCRIPTION}" "${wrap_options} -lzelkernel")
+zel_install_pc(zelkernel-unwrapped "${PROJECT_DESCRIPTION} (no call is wrapped)" "-lzelkernel")
+if(TARGET zelkernel_simulated)
+  # Nothing refers to it strongly; see platform/simulated/CMakeLists.txt.
+  zel_install_pc(zelkernel-simulated "Simulated interrupt controller for libzelkernel on a host"
+    "-Wl,--push-state,--no-as-needed,-lzelkernel-simulated,--pop-state")
+endif()
