@@ -1,14 +1,10 @@
 // Process-wide kernel state, the fatal stop and the context queries.
 #include "KernelState.hpp"
 
+#include "ErrorLine.hpp"
 #include "PriorityShift.hpp"
 
-#include <charconv>
 #include <cstdlib>
-#include <cstring>
-#include <iterator>
-#include <sys/uio.h>
-#include <unistd.h>
 
 extern "C" {
 KernelPriorities kernel_priorities;
@@ -36,28 +32,13 @@ int linux_priority(int relative_priority) {
 
 } // namespace zel
 
-namespace {
-
-iovec text(const char* s) {
-    return {const_cast<char*>(s), std::strlen(s)};
-}
-
-} // namespace
-
-// One writev instead of stdio: it works on what is left of a 16 KiB stack, with a damaged heap, and
-// the line stays in one piece when several threads write.
 void zel_fatal(const char* message, const char* file, int line) {
-    char number[12];
-    const auto end = std::to_chars(number, number + sizeof number, line).ptr;
-    const iovec parts[] = {text(file), text(":"),     {number, static_cast<size_t>(end - number)},
-                           text(" "),  text(message), text("\n")};
-    // A standard error that cannot be written leaves nothing else to report to.
-    [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, parts, std::size(parts));
+    zel::write_error_line({file, ":", zel::Decimal{line}, " ", message, "\n"});
     std::abort();
 }
 
 int zel_initialized() {
-    return initialized;
+    return __atomic_load_n(&initialized, __ATOMIC_ACQUIRE);
 }
 
 int zel_get_current_context() {

@@ -1,11 +1,13 @@
 // Interrupt sources and the default routine. A source belongs to the application's set-up threads;
 // the interrupt thread reads `isr` once per pulse.
+#include "ErrorLine.hpp"
 #include "InterruptPlatform.hpp"
 #include "Statistics.hpp"
 
 #include <zelkernel/interrupt_source.hpp>
 #include <zelkernel/kernel.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstddef>
 #include <cstdint>
@@ -66,7 +68,8 @@ void LinuxInterruptSource::connect(InterruptServiceRoutine* routine) {
     interruptId = zel::platform::attach(interruptVector, pulseCode, this);
     if (interruptId == nullptr)
         handleError("LinuxInterruptSource::connect::InterruptAttachEvent ");
-    std::free(earlier);
+    if (earlier != interruptId)
+        std::free(earlier);
 }
 
 void LinuxInterruptSource::disconnect(InterruptServiceRoutine*) {
@@ -95,7 +98,7 @@ void LinuxInterruptSource::process() {
 }
 
 void LinuxInterruptSource::handleError(const char* message) {
-    std::perror(message);
+    zel::write_error_line(message, errno);
     zel_fatal(message, "src/LinuxInterruptSource", 121);
 }
 

@@ -4,6 +4,7 @@
 // and kcall_dequeue, and the kernel-call thread, which holds the lock while the poller runs and
 // releases it around each queued call. The system's lock calls are used throughout: the posix locks
 // switch must not open the queue to races with its own thread.
+#include "ErrorLine.hpp"
 #include "KernelState.hpp"
 #include "Statistics.hpp"
 #include "Uptime.hpp"
@@ -16,7 +17,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <limits>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -82,10 +82,9 @@ bool is_call(const KernelCall& entry, const KernelCall& call) {
 timespec period_of(uint32_t tick_period_us) {
     constexpr uint32_t longest = std::numeric_limits<uint32_t>::max() / 1000;
     if (tick_period_us == 0 || tick_period_us > longest) {
-        std::fprintf(stderr,
-                     "zel_kernel_init: a tick period of %u us is not between 1 and %u; "
-                     "there will be no tick\n",
-                     tick_period_us, longest);
+        zel::write_error_line({"zel_kernel_init: a tick period of ", zel::Decimal{tick_period_us},
+                               " us is not between 1 and ", zel::Decimal{longest},
+                               "; there will be no tick\n"});
         return {};
     }
     return {static_cast<time_t>(tick_period_us / 1'000'000),

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "ErrorLine.hpp"
+
 #include <cerrno>
-#include <cstdio>
 
 namespace zel {
 
@@ -9,8 +10,8 @@ namespace zel {
 // result back; does nothing for 0.
 inline int report_failure(int result, const char* message) {
     if (result != 0) {
+        write_error_line(message, result);
         errno = result;
-        std::perror(message);
     }
     return result;
 }
