@@ -2,6 +2,7 @@
 #include <zelkernel/affinity.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <pthread.h>
@@ -13,6 +14,17 @@ int32_t num_processors;
 
 namespace {
 
+// A signal handler of the application without SA_RESTART must not hide a line: what is read is kept
+// for ever.
+bool read_line(char* line, int size, FILE* stream) {
+    while (std::fgets(line, size, stream) == nullptr) {
+        if (!std::ferror(stream) || errno != EINTR)
+            return false;
+        std::clearerr(stream);
+    }
+    return true;
+}
+
 // The last line that `command` prints, as a number; 0 when it prints none.
 int last_number_of(const char* command) {
     FILE* stream = popen(command, "re");
@@ -20,7 +32,7 @@ int last_number_of(const char* command) {
         std::exit(1);
     char line[128];
     long number = 0;
-    while (std::fgets(line, sizeof line, stream) != nullptr)
+    while (read_line(line, sizeof line, stream))
         number = std::strtol(line, nullptr, 10);
     pclose(stream);
     return static_cast<int>(number);

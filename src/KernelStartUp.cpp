@@ -91,6 +91,6 @@ int zel_kernel_init(KernelPriorities priorities, uint32_t tick_period_us, uint32
     LinuxDeferredServiceController::getInstance();
     zel_tun_init();
     remove_all_network_namespaces();
-    initialized = 1;
+    __atomic_store_n(&initialized, 1, __ATOMIC_RELEASE); // the poller may be asking already
     return 1;
 }

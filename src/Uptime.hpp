@@ -31,7 +31,7 @@ inline int read_uptime(timespec* ts) {
         return result;
     if (!starttime_is_split()) [[unlikely]] {
         const int64_t now = static_cast<int64_t>(ts->tv_sec) * nanoseconds_per_second + ts->tv_nsec;
-        split_nanoseconds(static_cast<uint64_t>(now - starttimeInNs), *ts);
+        split_nanoseconds(static_cast<uint64_t>(now) - static_cast<uint64_t>(starttimeInNs), *ts);
         return 0;
     }
     ts->tv_sec -= starttime.tv_sec;
@@ -43,20 +43,26 @@ inline int read_uptime(timespec* ts) {
     return 0;
 }
 
+// Wraps, since a deadline of the application may be as far away as the type goes.
+inline time_t add_seconds(time_t a, time_t b) {
+    return static_cast<time_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
 // A deadline on the kernel's clock as a deadline on CLOCK_MONOTONIC.
 inline timespec to_monotonic(const timespec& uptime) {
     timespec result = uptime;
     const bool normalised = uptime.tv_nsec >= 0 && uptime.tv_nsec < nanoseconds_per_second;
     if (!normalised || !starttime_is_split()) [[unlikely]] {
-        split_nanoseconds(static_cast<uint64_t>(starttimeInNs + uptime.tv_nsec), result);
-        result.tv_sec += uptime.tv_sec;
+        split_nanoseconds(
+            static_cast<uint64_t>(starttimeInNs) + static_cast<uint64_t>(uptime.tv_nsec), result);
+        result.tv_sec = add_seconds(result.tv_sec, uptime.tv_sec);
         return result;
     }
-    result.tv_sec += starttime.tv_sec;
+    result.tv_sec = add_seconds(result.tv_sec, starttime.tv_sec);
     result.tv_nsec += starttime.tv_nsec;
     if (result.tv_nsec >= nanoseconds_per_second) {
         result.tv_nsec -= nanoseconds_per_second;
-        ++result.tv_sec;
+        result.tv_sec = add_seconds(result.tv_sec, 1);
     }
     return result;
 }
