@@ -5,8 +5,8 @@
 
 #include <zelkernel/config.h>
 
-#include <sys/types.h>
 #include <time.h>
+#include <unistd.h>
 
 ZEL_BEGIN_DECLS
 
