@@ -1,0 +1,43 @@
+#include "private_namespaces.hpp"
+
+#include <fcntl.h>
+#include <fstream>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace zel::test {
+namespace {
+
+bool know_table_external() {
+    constexpr const char* system_tables = "/etc/iproute2/rt_tables";
+    constexpr const char* own_tables = "/run/rt_tables";
+    std::ofstream{own_tables} << std::ifstream{system_tables}.rdbuf() << "100 external\n";
+    return mount(own_tables, system_tables, nullptr, MS_BIND, nullptr) == 0;
+}
+
+} // namespace
+
+bool enter_private_namespaces() {
+    return unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 &&
+           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 && mkdir("/run/netns", 0755) == 0 &&
+           know_table_external();
+}
+
+int socket_in_namespace(const std::string& name, int family, int type) {
+    int result = -1;
+    // A network namespace belongs to a thread.
+    std::thread{[&] {
+        const int fd = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd != -1 && setns(fd, CLONE_NEWNET) == 0)
+            result = socket(family, type | SOCK_CLOEXEC, 0);
+        close(fd);
+    }}.join();
+    return result;
+}
+
+} // namespace zel::test
