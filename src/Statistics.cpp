@@ -19,6 +19,8 @@ zel_statistics private_statistics;
 
 bool published = false;
 
+constexpr std::uint32_t being_filled = 1;
+
 // The descriptor stays open: it is what other processes find the file by.
 zel_statistics* map_memory_file() {
     const int fd = memfd_create("zelkernel-stats", MFD_CLOEXEC);
@@ -79,6 +81,25 @@ void count_tick_lateness(std::uint32_t ns) {
     statistics->lateness_last_ns = ns;
     statistics->lateness_max_ns = std::max(statistics->lateness_max_ns, ns);
     count(statistics->lateness[ns == 0 ? 0 : std::bit_width(ns) - 1]);
+}
+
+zel_statistics_device* claim_device_counters(std::uint32_t version, int index,
+                                             zel_statistics_device& otherwise) {
+    for (zel_statistics_device& slot : statistics->devices) {
+        std::uint32_t free = 0;
+        // Readers pass over a slot that is being filled.
+        if (__atomic_compare_exchange_n(&slot.family, &free, being_filled, false, __ATOMIC_ACQUIRE,
+                                        __ATOMIC_RELAXED)) {
+            slot = {being_filled, index, 0, 0, 0, 0, 0};
+            __atomic_store_n(&slot.family, version, __ATOMIC_RELEASE);
+            return &slot;
+        }
+    }
+    return &otherwise;
+}
+
+void release_device_counters(zel_statistics_device& counters) {
+    __atomic_store_n(&counters.family, 0, __ATOMIC_RELEASE);
 }
 
 } // namespace zel

@@ -26,6 +26,12 @@ bool statistics_are_published();
 void count_interrupt(std::uint32_t vector);
 void count_tick_lateness(std::uint32_t ns);
 
+// A free place for a device of IP version 4 or 6, zeroed; `otherwise` when there is none. Any
+// thread.
+zel_statistics_device* claim_device_counters(std::uint32_t version, int index,
+                                             zel_statistics_device& otherwise);
+void release_device_counters(zel_statistics_device& counters);
+
 // A counter may be read at any moment from outside: written in one piece, without ordering.
 inline void count(std::uint32_t& counter, std::uint32_t by = 1) {
     __atomic_store_n(&counter, counter + by, __ATOMIC_RELAXED);

@@ -29,7 +29,7 @@ typedef struct zel_statistics_vector {
 } zel_statistics_vector;
 
 typedef struct zel_statistics_device {
-    uint32_t family; /* 4 or 6; 0: free */
+    uint32_t family; /* 4 or 6; anything else: free */
     int32_t index;
     uint32_t received_packets; /* handed to the IP stack */
     uint32_t received_bytes;

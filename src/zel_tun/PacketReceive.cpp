@@ -2,6 +2,7 @@
 #include "PendingDeletes.hpp"
 #include "ReceiveSnapshot.hpp"
 #include "State.hpp"
+#include "Statistics.hpp"
 
 #include <zelkernel/kernel.h>
 #include <zelkernel/scheduling.h>
@@ -79,14 +80,19 @@ bool Receiver::receive_packet(const WatchedDevice& device) {
     void* handle = nullptr;
     void* data = nullptr;
     callbacks_.alloc_buffer(&handle, &data, device.mtu);
-    if (handle == nullptr)
+    zel_statistics_device& counters = device.descriptor->counters();
+    if (handle == nullptr) {
+        count(counters.dropped_packets);
         return read(device.fd, scratch_, 1) >= 0 || errno != EBADFD;
+    }
     const ssize_t length = read(device.fd, data, static_cast<size_t>(device.mtu));
     if (length < 0) {
         const bool is_gone = errno == EBADFD;
         callbacks_.free_buffer(handle);
         return !is_gone;
     }
+    count(counters.received_packets);
+    count(counters.received_bytes, static_cast<uint32_t>(length));
     callbacks_.receive(device.index, handle, static_cast<int>(length));
     return true;
 }

@@ -1,11 +1,20 @@
 #include "TunDescriptor.hpp"
 
 #include "ReceiveWakeup.hpp"
+#include "Statistics.hpp"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 namespace zel::network {
+
+namespace {
+
+// Where devices count that have no place among the published counters.
+zel_statistics_device uncounted;
+
+} // namespace
 
 bool Closing::done_else_await() {
     State state = State::open;
@@ -17,12 +26,20 @@ bool Closing::mark_done() {
     return state_.exchange(State::done) == State::awaited;
 }
 
+TunDescriptor::TunDescriptor() : counters_(&uncounted) {}
+
 bool TunDescriptor::open() {
     fd_ = ::open(tun_driver, O_RDWR | O_CLOEXEC);
     return fd_ != -1;
 }
 
+void TunDescriptor::count_as(int family, int index) {
+    counters_ = claim_device_counters(family == AF_INET ? 4 : 6, index, uncounted);
+}
+
 TunDescriptor::~TunDescriptor() {
+    if (counters_ != &uncounted)
+        release_device_counters(*counters_);
     if (fd_ == -1 || keep_open_)
         return;
     close(fd_);

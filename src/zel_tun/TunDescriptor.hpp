@@ -1,5 +1,7 @@
 #pragma once
 
+#include <zelkernel/statistics.h>
+
 #include <atomic>
 #include <memory>
 
@@ -24,13 +26,18 @@ private:
 // number that has been reused, and nobody waits for anybody.
 class TunDescriptor {
 public:
-    TunDescriptor() = default;
+    TunDescriptor();
     ~TunDescriptor();
     TunDescriptor(const TunDescriptor&) = delete;
     TunDescriptor& operator=(const TunDescriptor&) = delete;
 
     bool open();
     int number() const { return fd_; }
+
+    // Gives the device its place among the published counters, until the descriptor is closed.
+    void count_as(int family, int index);
+    zel_statistics_device& counters() const { return *counters_; }
+
     const std::shared_ptr<Closing>& closing() const { return closing_; }
 
     // Leaves the descriptor open for the process's life. Under the module's lock.
@@ -39,6 +46,7 @@ public:
 private:
     int fd_ = -1;
     bool keep_open_ = false;
+    zel_statistics_device* counters_;
     std::shared_ptr<Closing> closing_ = std::make_shared<Closing>();
 };
 

@@ -81,6 +81,7 @@ void zel_tun_create(char* output, size_t output_size, const char* name, int inde
         const SharedTunDescriptor descriptor = open_device(text, device);
         if (descriptor == nullptr)
             return;
+        descriptor->count_as(family, index);
         Registration registration{family, index, descriptor};
         text.run("ip link set dev " + device + " netns \"" + name + "\" 2>&1");
         registration.enter(name);
