@@ -1,0 +1,72 @@
+#include "Report.hpp"
+
+#include "Text.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace zel::doctor {
+namespace {
+
+const char* name_of(Status status) {
+    switch (status) {
+    case Status::ok:
+        return "ok";
+    case Status::note:
+        return "note";
+    case Status::missing:
+        return "missing";
+    case Status::unknown:
+        break;
+    }
+    return "unknown";
+}
+
+// Control characters come from tools' output; bytes above ASCII pass as they are.
+std::string quoted(std::string_view text) {
+    std::string result = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\')
+            result += {'\\', c};
+        else if (static_cast<unsigned char>(c) < 0x20)
+            result += format("\\u%04x", static_cast<unsigned>(c));
+        else
+            result += c;
+    }
+    return result + '"';
+}
+
+} // namespace
+
+bool all_good(std::span<const Result> results) {
+    return std::none_of(results.begin(), results.end(), [](const Result& result) {
+        return result.finding.status == Status::missing || result.finding.status == Status::unknown;
+    });
+}
+
+void print_text(std::span<const Result> results) {
+    for (const Result& result : results) {
+        const auto& [status, found] = result.finding;
+        std::printf("%-8s %-28s %s\n", name_of(status), result.what, found.c_str());
+        if (status != Status::ok)
+            std::printf("%-8s   consequence: %s\n%-8s   remedy: %s\n", "", result.consequence, "",
+                        result.remedy);
+    }
+}
+
+void print_json(std::span<const Result> results) {
+    std::printf("{\"good\": %s, \"checks\": [", all_good(results) ? "true" : "false");
+    const char* separator = "\n";
+    for (const Result& result : results) {
+        std::printf(
+            "%s  {\"what\": %s, \"status\": \"%s\", \"found\": %s,\n   \"consequence\": %s,\n"
+            "   \"remedy\": %s}",
+            separator, quoted(result.what).c_str(), name_of(result.finding.status),
+            quoted(result.finding.found).c_str(), quoted(result.consequence).c_str(),
+            quoted(result.remedy).c_str());
+        separator = ",\n";
+    }
+    std::printf("\n]}\n");
+}
+
+} // namespace zel::doctor

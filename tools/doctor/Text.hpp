@@ -1,0 +1,13 @@
+// printf into a std::string, and text between its parts.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zel::doctor {
+
+[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...);
+
+std::string first_line(std::string_view text);
+
+} // namespace zel::doctor
