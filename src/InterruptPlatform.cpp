@@ -12,44 +12,39 @@
 
 #include <zelkernel/kernel.h>
 
+#include <cstdio>
+
 namespace {
 
-constexpr const char* module_file = "src/InterruptPlatform";
+template<typename Function>
+Function* required(Function* function, const char* name) {
+    if (function != nullptr)
+        return function;
+    char message[128];
+    std::snprintf(message, sizeof message,
+                  "%s is missing: link the application with its interrupt platform's library.",
+                  name);
+    zel_fatal(message, "src/InterruptPlatform", __LINE__);
+}
 
 } // namespace
 
 namespace zel::platform {
 
 int open_pulse_fd() {
-    if (openLinuxInterruptPulseFd == nullptr)
-        zel_fatal("openLinuxInterruptPulseFd is missing: link the application with the library of "
-                  "its interrupt platform.",
-                  module_file, __LINE__);
-    return openLinuxInterruptPulseFd();
+    return required(openLinuxInterruptPulseFd, "openLinuxInterruptPulseFd")();
 }
 
 void* wait_for_pulse(int fd) {
-    if (waitForLinuxInterruptPulse == nullptr)
-        zel_fatal("waitForLinuxInterruptPulse is missing: link the application with the library of "
-                  "its interrupt platform.",
-                  module_file, __LINE__);
-    return waitForLinuxInterruptPulse(fd);
+    return required(waitForLinuxInterruptPulse, "waitForLinuxInterruptPulse")(fd);
 }
 
 void* attach(int vector, int code, void* source) {
-    if (attachLinuxInterruptSource == nullptr)
-        zel_fatal("attachLinuxInterruptSource is missing: link the application with the library of "
-                  "its interrupt platform.",
-                  module_file, __LINE__);
-    return attachLinuxInterruptSource(vector, code, source);
+    return required(attachLinuxInterruptSource, "attachLinuxInterruptSource")(vector, code, source);
 }
 
 void enable(int vector) {
-    if (enableLinuxInterruptSource == nullptr)
-        zel_fatal("enableLinuxInterruptSource is missing: link the application with the library of "
-                  "its interrupt platform.",
-                  module_file, __LINE__);
-    enableLinuxInterruptSource(vector);
+    required(enableLinuxInterruptSource, "enableLinuxInterruptSource")(vector);
 }
 
 void detach(int vector) {

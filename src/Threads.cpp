@@ -82,14 +82,16 @@ private:
         size_t size = 0;
         report_failure(__wrap_pthread_attr_getstack(caller, &address, &size),
                        "__w_pthread_create; pthread_attr_getstack");
-        if (address != nullptr)
+        if (address != nullptr) {
             report_failure(__wrap_pthread_attr_setstack(&attr_, address, size),
                            "__w_pthread_create; pthread_attr_setstack");
+        }
         report_failure(pthread_attr_getstacksize(caller, &size),
                        "__w_pthread_create; pthread_attr_getstacksize");
-        if (size > zel::minimum_stack_size || address != nullptr)
+        if (size > zel::minimum_stack_size || address != nullptr) {
             report_failure(pthread_attr_setstacksize(&attr_, size),
                            "__w_pthread_create; pthread_attr_setstacksize");
+        }
     }
 
     void take_priority(const pthread_attr_t* caller) {

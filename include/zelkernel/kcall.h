@@ -57,7 +57,7 @@ ZEL_EXPORT int kcall_enqueue(zel_word_t function, zel_word_t a1, zel_word_t a2, 
 ZEL_EXPORT int kcall_dequeue(zel_word_t function, zel_word_t a1, zel_word_t a2, zel_word_t a3);
 
 /* Body of the kernel-call thread; not for the application. */
-ZEL_EXPORT ZEL_NORETURN void process(void);
+ZEL_NORETURN ZEL_EXPORT void process(void);
 
 /* Does nothing: what a cancelled call runs. */
 ZEL_EXPORT void Empty(zel_word_t a1, zel_word_t a2, zel_word_t a3);

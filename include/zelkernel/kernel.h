@@ -74,7 +74,7 @@ ZEL_EXPORT int zel_kernel_init(KernelPriorities priorities, uint32_t tick_period
 
 /* The fatal stop: writes "file:line message" as one line to standard error and aborts (SIGABRT).
  * Any thread, any time; needs no heap and little stack. */
-ZEL_EXPORT ZEL_NORETURN void zel_fatal(const char* message, const char* file, int line);
+ZEL_NORETURN ZEL_EXPORT void zel_fatal(const char* message, const char* file, int line);
 
 /* The queries below take no lock, never block, and may be called from any thread at any time. */
 

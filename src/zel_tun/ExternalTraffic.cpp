@@ -58,10 +58,11 @@ void external_traffic_match_criteria_update(char* output, size_t output_size, in
         const PosixLock lock{state->fd_map_mutex};
         const auto commands = commands_for_all_instances(remove ? "-D" : "-A", criterion.front());
         auto& criteria = state->external_traffic_criteria;
-        if (remove)
+        if (remove) {
             remove_first(criteria, criterion.front());
-        else
+        } else {
             criteria.splice(criteria.end(), criterion);
+        }
         for (const std::string& command : commands)
             text.run(command);
     });

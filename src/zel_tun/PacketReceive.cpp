@@ -136,7 +136,7 @@ void zel_tun_packet_init(zel_tun_receive_t receive, zel_tun_alloc_buffer_t alloc
     auto receiver = std::make_unique<Receiver>(TunRxCallbacks{receive, alloc_buffer, free_buffer});
     // A refused thread has been reported by the creation call; the record is still ours then.
     if (create_receive_thread(receiver.get(), priority) == 0)
-        receiver.release();
+        static_cast<void>(receiver.release());
 } catch (const std::bad_alloc&) {
     errno = ENOMEM;
     std::perror("zel_tun_packet_init");

@@ -106,7 +106,7 @@ SharedTunDescriptor unregister(const char* name, int index, int family) {
     const auto found = tun_fds.find(index);
     if (found == tun_fds.end())
         return nullptr;
-    const SharedTunDescriptor descriptor = std::move(found->second);
+    SharedTunDescriptor descriptor = std::move(found->second);
     forget_in_instance(name, descriptor->number());
     tun_fds.erase(found);
     state->fd_map.erase(descriptor->number());
