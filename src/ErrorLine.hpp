@@ -24,7 +24,7 @@ public:
     operator std::string_view() const { return {text_, static_cast<size_t>(end_ - text_)}; }
 
 private:
-    char text_[24];
+    char text_[24]{};
     const char* end_;
 };
 

@@ -41,7 +41,7 @@ private:
 
     TunRxCallbacks callbacks_;
     ReceiveSnapshot snapshot_;
-    char scratch_[100];
+    char scratch_[100]{};
 };
 
 void Receiver::pass() {
