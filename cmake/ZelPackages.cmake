@@ -14,7 +14,10 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development tools)
+set(CPACK_COMPONENTS_ALL runtime development)
+if(ZELKERNEL_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SOURCE zelkernel)
@@ -33,7 +36,21 @@ endif()
 # `cpack` reads this file first and asks there for the packages that the binaries need. Its own way
 # (CPACK_DEBIAN_PACKAGE_SHLIBDEPS) fails for a cross build, and adds scripts that call ldconfig,
 # where a trigger is Debian's way.
+set(library_path "")
+if(CMAKE_CROSSCOMPILING)
+  set(library_path "-l${ZEL_TARGET_ROOT}/lib") # the cross compiler's tree
+endif()
 set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_BINARY_DIR}/package-depends.cmake")
+set(tool_binaries "")
+if(ZELKERNEL_BUILD_TOOLS)
+  get_property(tools DIRECTORY "${PROJECT_SOURCE_DIR}/tools" PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(tool IN LISTS tools)
+    get_property(type TARGET ${tool} PROPERTY TYPE)
+    if(type STREQUAL EXECUTABLE)
+      list(APPEND tool_binaries "$<TARGET_FILE:${tool}>")
+    endif()
+  endforeach()
+endif()
 configure_file("${CMAKE_CURRENT_LIST_DIR}/ZelPackageDepends.cmake.in"
                "${PROJECT_BINARY_DIR}/package-depends.cmake.in" @ONLY)
 file(GENERATE OUTPUT "${CPACK_PROJECT_CONFIG_FILE}"
@@ -79,6 +96,13 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
       DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${component} EXCLUDE_FROM_ALL)
   endif()
 endforeach()
+
+file(WRITE "${policy_dir}/compress-manuals.cmake" "
+  file(GLOB_RECURSE manuals \"\${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*\")
+  if(manuals)
+    execute_process(COMMAND ${ZEL_GZIP} -9n \${manuals} COMMAND_ERROR_IS_FATAL ANY)
+  endif()\n")
+set(CPACK_PRE_BUILD_SCRIPTS "${policy_dir}/compress-manuals.cmake")
 
 # The library for its dependents, and the loader's cache.
 set(triggers "${policy_dir}/triggers")
