@@ -43,6 +43,9 @@ std::span<const Check> tool_checks();
 std::span<const Check> network_checks(); // only ever run by in_private_namespaces()
 std::vector<Result> check_priorities(const Request& request);
 
+// The highest Linux priority that the table leads to.
+std::int64_t highest_wanted(const Request& request);
+
 // Runs the checks in a child process with network and mount namespaces of its own, so that what
 // they create goes away with the child.
 std::vector<Result> in_private_namespaces(std::span<const Check> checks, const Request& request);

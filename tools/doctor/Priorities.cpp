@@ -74,13 +74,23 @@ Finding order_of(const Mapping& linux_priority) {
     return {Status::missing, broken};
 }
 
+Status in_range(std::int64_t priority) {
+    const bool good = priority >= sched_get_priority_min(SCHED_FIFO) &&
+                      priority <= sched_get_priority_max(SCHED_FIFO);
+    return good ? Status::ok : Status::missing;
+}
+
 Finding level_of(const Level& level, const Words& words, const Mapping& linux_priority) {
     const std::int64_t result = linux_priority.of(level.word);
-    const bool in_range = result >= sched_get_priority_min(SCHED_FIFO) &&
-                          result <= sched_get_priority_max(SCHED_FIFO);
-    return {in_range ? Status::ok : Status::missing,
-            format("%ld becomes Linux priority %lld", long{words[level.word]},
-                   static_cast<long long>(result))};
+    return {in_range(result), format("%ld becomes Linux priority %lld", long{words[level.word]},
+                                     static_cast<long long>(result))};
+}
+
+Finding caller_of(const Words& words, std::int64_t caller) {
+    const std::int64_t application = std::int64_t{words[app_base]} - words[linux_base];
+    return {in_range(caller),
+            format("Linux priority %lld, application priority %lld", static_cast<long long>(caller),
+                   static_cast<long long>(application))};
 }
 
 // As zel_kernel_init rebases the table.
@@ -100,13 +110,8 @@ std::vector<Result> check_priorities(const Request& request) {
     const Mapping mapping(words, caller);
 
     std::vector<Result> results;
-    results.push_back(
-        {"caller of zel_kernel_init",
-         {Status::ok,
-          format("Linux priority %lld, application priority %lld", static_cast<long long>(caller),
-                 static_cast<long long>(words[app_base] - words[linux_base]))},
-         "",
-         ""});
+    results.push_back({"caller of zel_kernel_init", caller_of(words, caller),
+                       "it cannot have this priority", "give it one from 1 to 99"});
     for (const Level& level : levels)
         results.push_back({level.what, level_of(level, words, mapping), level.consequence,
                            "change the word, linux_base_priority or the caller's own priority so "
@@ -117,6 +122,16 @@ std::vector<Result> check_priorities(const Request& request) {
                        "lock >= interrupt > kernel-call > application; raise the words of the "
                        "table or lower app_max_priority"});
     return results;
+}
+
+std::int64_t highest_wanted(const Request& request) {
+    if (!request.priorities)
+        return sched_get_priority_min(SCHED_FIFO);
+    const Mapping mapping(*request.priorities, effective_caller(request.caller_priority));
+    std::int64_t highest = 0;
+    for (const Level& level : levels)
+        highest = std::max(highest, mapping.of(level.word));
+    return highest;
 }
 
 } // namespace zel::doctor

@@ -30,11 +30,14 @@ int highest_fifo_priority() {
     return priority;
 }
 
-Finding real_time_rights(const Request&) {
+Finding real_time_rights(const Request& request) {
     const int highest = highest_fifo_priority();
     if (highest == 0)
         return {Status::missing, "SCHED_FIFO refused at every priority"};
     const bool all = highest == sched_get_priority_max(SCHED_FIFO);
+    if (!all && highest < highest_wanted(request))
+        return {Status::missing,
+                format("SCHED_FIFO up to priority %d, too low for the table", highest)};
     return {all ? Status::ok : Status::note, format("SCHED_FIFO up to priority %d", highest)};
 }
 
@@ -61,7 +64,9 @@ Finding throttling(const Request&) {
 
 Finding processors(const Request&) {
     const long online = sysconf(_SC_NPROCESSORS_ONLN);
-    const long counted = std::atol(run_command("grep -c processor /proc/cpuinfo").output.c_str());
+    // As the library counts; a count that cannot be read is 1.
+    const long counted =
+        std::max(1L, std::atol(run_command("grep -c processor /proc/cpuinfo").output.c_str()));
     if (counted != online)
         return {Status::note,
                 format("%ld online, /proc/cpuinfo makes the library count %ld", online, counted)};

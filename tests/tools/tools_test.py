@@ -1,0 +1,213 @@
+"""zelkernel-check-wraps and zelkernel-doctor, run as a user runs them."""
+
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+CC = os.environ["CC"]
+
+
+def run(*command, **options):
+    return subprocess.run(command, capture_output=True, text=True, check=False, **options)
+
+
+def check_wraps(*arguments):
+    """Exit status, and the symbols found by file and rule."""
+    result = run(os.environ["CHECK_WRAPS"], "--json", *arguments)
+    found = {}
+    for entry in json.loads(result.stdout or '{"findings": []}')["findings"]:
+        assert entry["reason"] and entry["remedy"], entry
+        found[os.path.basename(entry["file"]), entry["rule"]] = entry["symbols"]
+    return result.returncode, found
+
+
+class CheckWraps(unittest.TestCase):
+    def setUp(self):
+        self.directory = tempfile.TemporaryDirectory()
+        self.addCleanup(self.directory.cleanup)
+
+    def path(self, name):
+        return os.path.join(self.directory.name, name)
+
+    def build(self, output, source, *options, compiler=CC):
+        built = run(compiler, "-x", "c", "-", "-x", "none", "-w", "-o", self.path(output), *options,
+                    input=source)
+        self.assertEqual(built.returncode, 0, built.stderr)
+        return self.path(output)
+
+    def calls(self, output, *names, options=(), compiler=CC):
+        body = "".join(f"int {n}(); int call_{n}(void) {{ return {n}(); }}\n" for n in names)
+        main = "" if "-c" in options or "-shared" in options else "int main(void) { return 0; }\n"
+        return self.build(output, body + main, "-fPIC", "-fno-builtin", *options, compiler=compiler)
+
+    def test_standard_library(self):
+        # What cpp-applications.md promises, and that the tool says the same.
+        expected = {
+            "CPP_SHARED": ("no", {"libstdc++-thread", "libstdc++-clock", "libstdc++-condition"}),
+            "CPP_STATIC": ("yes", set()),
+        }
+        for program, (wrapped, rules) in expected.items():
+            facts = run(*filter(None, os.environ["EMULATOR"].split(";")), os.environ[program])
+            system = "no" if wrapped == "yes" else "yes"
+            with self.subTest(program):
+                self.assertEqual(dict(line.split() for line in facts.stdout.splitlines()), {
+                    "thread-wrapped": wrapped, "join-throws": wrapped, "detach-throws": wrapped,
+                    "steady-clock-wrapped": wrapped, "mutex-wrapped": "yes",
+                    "wait-for-waits": system, "wait-until-system-clock-waits": "yes",
+                    "sleep-until-sleeps": "yes"}, facts.stderr)
+                found = {rule for _, rule in check_wraps(os.environ[program])[1]}
+                self.assertEqual(found, rules | {"explicit-clock"})
+
+    def test_objects_archives_and_executables(self):
+        unit = self.calls("unit.o", "usleep", "sem_clockwait", "mtx_lock", "pthread_setschedprio",
+                          "own_function", "write", options=["-c"])
+        own = self.build("own.o", "int mtx_lock(void) { return 0; } int usleep(void) { return 0; }", "-c")
+        findings = {("unit.o", "explicit-clock"): ["sem_clockwait"], ("unit.o", "c11-threads"): ["mtx_lock"],
+                    ("unit.o", "linux-priority"): ["pthread_setschedprio"]}
+        self.assertEqual(check_wraps(unit), (1, findings))
+        self.assertEqual(check_wraps("--all", unit),
+                         (1, findings | {("unit.o", "left-unwrapped"): ["usleep"]}))
+        archive = self.path("libunit.a")
+        subprocess.run(["ar", "rcs", archive, unit], check=True)
+        self.assertEqual(set(check_wraps(archive)[1]), {(f"libunit.a({f})", r) for f, r in findings})
+        del findings["unit.o", "c11-threads"]
+        findings["own.o", "own-definition"] = ["usleep"]
+        self.assertEqual(check_wraps(unit, own), (1, findings))
+        self.assertEqual(check_wraps(self.calls("lto.o", "usleep", options=["-c", "-flto"])),
+                         (1, {("lto.o", "not-judged"): []}))
+
+        self.assertEqual(check_wraps(self.calls("good.o", "usleep", "write", options=["-c"])), (0, {}))
+        self.assertEqual(check_wraps(self.calls("program", "usleep", "pthread_create")),
+                         (1, {("program", "left-unwrapped"): ["pthread_create", "usleep"]}))
+
+    def test_needed_libraries(self):
+        self.calls("libdeep.so", "sleep", options=["-shared"])
+        library = self.calls("libneeded.so", "usleep", options=["-shared", "-Wl,--no-as-needed",
+                             self.path("libdeep.so"), "-Wl,-soname,libneeded.so"])
+        platform = self.build("libplatform.so", "int sleep(); void waitForLinuxInterruptPulse(void)"
+                              "{ sleep(); }", "-shared", "-fPIC")
+        link = ["-Wl,--no-as-needed", "-L" + self.directory.name, library, platform,
+                "-Wl,-rpath-link," + self.directory.name]
+        plain, with_path = self.calls("plain", options=link), self.calls("with_path", options=link + [
+            "-Wl,-rpath,$ORIGIN", "-Wl,--disable-new-dtags"])
+        deep = {("libneeded.so", "library"): ["usleep"]}
+        self.assertEqual(check_wraps("-L", self.directory.name, plain)[1],
+                         check_wraps(with_path)[1] | deep)
+        self.assertEqual(check_wraps(with_path)[1], deep | {("libdeep.so", "library"): ["sleep"]})
+        self.assertEqual(check_wraps(plain)[1][("plain", "not-judged")], ["libneeded.so"])
+
+    def test_64_bit_time_on_32_bits(self):
+        compiler = "arm-linux-gnueabi-gcc"
+        if not shutil.which(compiler):
+            self.skipTest(f"needs {compiler}")
+        source = "#include <time.h>\nvoid f(struct timespec* t) { clock_gettime(1, t); nanosleep(t, t); }"
+        wide = self.build("wide.o", source, "-c", "-D_TIME_BITS=64", "-D_FILE_OFFSET_BITS=64",
+                          compiler=compiler)
+        self.assertEqual(check_wraps(wide),
+                         (1, {("wide.o", "64-bit-time"): ["__clock_gettime64", "__nanosleep64"]}))
+        self.assertEqual(check_wraps(self.build("narrow.o", source, "-c", compiler=compiler)), (0, {}))
+        names = self.calls("names.o", "__lseek64", "__fixunsdfdi64", "__pthread_cond_timedwait64",
+                           options=["-c"], compiler=compiler)
+        self.assertEqual(list(check_wraps(names)[1].values()), [["__pthread_cond_timedwait64"]])
+
+    def test_what_cannot_be_read(self):
+        static = self.calls("static", "usleep", options=["-static"])
+        for arguments in ([], ["/nowhere"], [__file__], [static], ["--functions", "/nowhere", static]):
+            with self.subTest(arguments):
+                result = run(os.environ["CHECK_WRAPS"], *arguments)
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertIn("zelkernel-check-wraps", result.stderr)
+
+
+# A machine of its own: no named namespaces, no rules; `external` is known to ip. The doctor has to
+# leave it as it was.
+MACHINE = """set -e
+mount --make-rprivate / && mount -t tmpfs none /run && mkdir /run/netns
+(cat /etc/iproute2/rt_tables; echo 100 external) >/run/tables
+mount --bind /run/tables /etc/iproute2/rt_tables
+{script}
+state() {{
+    ip -o link; ip rule; ip -6 rule; iptables-save -t mangle | grep -v ^#; ls -R /run; cat /proc/mounts
+}}
+before=$(PATH=/sbin:/bin state)
+{prefix} "$DOCTOR" --json {arguments} && status=0 || status=$?
+[ "$before" = "$(PATH=/sbin:/bin state)" ] || status=9
+exit $status
+"""
+
+
+def diagnose(*arguments, script="true", prefix=""):
+    """Exit status, and status and finding by what was looked at; in private namespaces."""
+    command = MACHINE.format(script=script, prefix=prefix, arguments=" ".join(arguments))
+    result = run("unshare", "--net", "--mount", "sh", "-c", command)
+    report = json.loads(result.stdout)
+    assert report["good"] == (result.returncode == 0), (result.returncode, report)
+    return result.returncode, {c["what"]: (c["status"], c["found"]) for c in report["checks"]}
+
+
+@unittest.skipIf(os.geteuid() != 0, "needs root, for namespaces and real-time priorities")
+class Doctor(unittest.TestCase):
+    def test_a_good_machine(self):
+        status, found = diagnose(script="mkdir /run/netns/red /run/netns/blue /run/netns/.hidden")
+        self.assertEqual(status, 0, found)
+        self.assertEqual(found["named namespaces"], ("note", "start-up would delete: blue, red"))
+        self.assertEqual(found["real-time rights"], ("ok", "SCHED_FIFO up to priority 99"))
+        self.assertRegex(found["1 ms tick, lateness"][1], r"^median \d+ us, .* of 1000 ticks lost$")
+        for what in ("TUN driver", "table name external", "mark target, IPv4", "mark target, IPv6",
+                     "policy routing, IPv4", "policy routing, IPv6"):
+            self.assertEqual(found[what], ("ok", "works"), what)
+
+    def test_what_is_missing(self):
+        empty = "mount -t tmpfs none /mnt; ln -s $(which sh ip grep true) /mnt; export PATH=/mnt"
+        cases = [
+            ({"table name external"}, {"script": "umount /etc/iproute2/rt_tables"}),
+            ({"TUN driver"}, {"script": "mount -t tmpfs none /dev/net"}),
+            ({"iptables", "ip6tables", "mark target, IPv4", "mark target, IPv6"}, {"script": empty}),
+            ({"real-time rights", "network namespaces"}, {"prefix": "setpriv --bounding-set -all "
+                                                          "--inh-caps -all --reuid 65534"}),
+        ]
+        for missing, where in cases:
+            with self.subTest(missing):
+                status, found = diagnose(**where)
+                self.assertEqual(status, 1)
+                self.assertEqual({w for w, (s, _) in found.items() if s == "missing"}, missing, found)
+
+    def test_priorities(self):
+        good = "30,25,20,0,22,100,90,115,10"  # base 10 + 1: 41, 36, 31, 33; application 1..26
+        linux = {"interrupt lock ceiling": 41, "interrupt thread": 36, "kernel-call thread": 31,
+                 "timer priority": 33, "highest application priority": 26, "lowest application priority": 1}
+        _, found = diagnose("--priorities", good)
+        for what, priority in linux.items():
+            self.assertEqual(found[what][0], "ok")
+            self.assertTrue(found[what][1].endswith(f"becomes Linux priority {priority}"), found[what])
+        self.assertIn("application priority 90", found["caller of zel_kernel_init"][1])
+
+        order = "order of priorities"
+        cases = [  # words, caller's priority, what is missing
+            (good, 59, set()), (good, 60, {"interrupt lock ceiling"}),
+            ("30,25,20,0,22,100,89,115,10", 1, {"lowest application priority"}),
+            ("30,25,20,0,22,100,90,119,10", 1, set()), ("30,25,20,0,22,100,90,120,10", 1, {order}),
+            ("30,20,20,0,22,100,90,115,10", 1, {order}), ("24,25,20,0,22,100,90,115,10", 1, {order}),
+            ("30,25,20,0,22,100,115,90,10", 1, {order}),
+            ("30,25,20,0,22,2147483647,90,115,-2147483648", 1, set(linux)),
+        ]
+        for words, caller, missing in cases:
+            with self.subTest((words, caller)):
+                status, found = diagnose("--priorities", words, "--caller-priority", str(caller))
+                self.assertEqual({w for w, (s, _) in found.items() if s == "missing"},
+                                 missing, found)
+                self.assertEqual(status, 1 if missing else 0)
+
+    def test_usage(self):
+        for arguments in (["--nonsense"], ["file"], ["--priorities", "1,2,3"], ["--caller-priority", "x"],
+                          ["--priorities", "1,2,3,4,5,6,7,8,9,10"], ["--priorities", "1,2,3,4,5,6,7,8,9 "]):
+            with self.subTest(arguments):
+                result = run(os.environ["DOCTOR"], *arguments)
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()
