@@ -1,0 +1,300 @@
+#include "support/interpose.hpp"
+#include "support/kernel_thread.hpp"
+#include "support/thread_info.hpp"
+#include "support/wait.hpp"
+
+#include <zelkernel/affinity.h>
+#include <zelkernel/conditions.h>
+#include <zelkernel/kcall.h>
+#include <zelkernel/kernel.h>
+#include <zelkernel/locks.h>
+#include <zelkernel/tun.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+
+namespace {
+
+using namespace zel::test;
+
+// The library's mutex of the last lock call in the calling thread.
+pthread_mutex_t* mutex_taken_by(const std::function<void()>& action) {
+    pthread_mutex_t* taken = nullptr;
+    interposed::pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        taken = mutex;
+        return real::pthread_mutex_lock(mutex);
+    };
+    action();
+    interposed::pthread_mutex_lock = nullptr;
+    return taken;
+}
+
+// Whether a holder of low priority is lifted while a waiter of high priority waits.
+bool inherits_priority(pthread_mutex_t* mutex) {
+    std::atomic<bool> held{false}, lifted{false};
+    KernelThread holder{Attributes{3}, [&] {
+                            pthread_mutex_lock(mutex);
+                            held = true;
+                            // The kernel shows a real-time priority p as -1 - p in field 18 of
+                            // stat.
+                            lifted = eventually(
+                                [] {
+                                    std::ifstream file("/proc/thread-self/stat");
+                                    std::string field;
+                                    for (int i = 0; i < 18; ++i)
+                                        file >> field;
+                                    return field == "-31";
+                                },
+                                std::chrono::seconds{3});
+                            pthread_mutex_unlock(mutex);
+                        }};
+    eventually([&] { return held.load(); });
+    KernelThread waiter{Attributes{30}, [&] {
+                            pthread_mutex_lock(mutex);
+                            pthread_mutex_unlock(mutex);
+                        }};
+    waiter.join();
+    holder.join();
+    return lifted;
+}
+
+struct Ceiling : testing::Test {
+    Ceiling() { kernel_priorities = {0, 0, 0, 0, 0, 0, 0, 0, 10}; } // a shift of -10
+    pthread_mutexattr_t attr{};
+    pthread_mutex_t mutex{};
+    int value = 0;
+};
+
+TEST_F(Ceiling, IsShiftedInAttributesAndMutexes) {
+    EXPECT_EQ(__wrap_pthread_mutexattr_init(&attr), 0);
+    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_PROTECT);
+    EXPECT_EQ(__wrap_pthread_mutexattr_setprioceiling(&attr, 5), 0);
+    pthread_mutexattr_getprioceiling(&attr, &value);
+    EXPECT_EQ(value, 15);
+    EXPECT_EQ(__wrap_pthread_mutexattr_getprioceiling(&attr, &value), 0);
+    EXPECT_EQ(value, 5);
+
+    EXPECT_EQ(__wrap_pthread_mutex_init(&mutex, &attr), 0); // the caller's protocol stands
+    EXPECT_EQ(__wrap_pthread_mutex_getprioceiling(&mutex, &value), 0);
+    EXPECT_EQ(value, 5);
+    EXPECT_EQ(__wrap_pthread_mutex_setprioceiling(&mutex, 20, &value), 0);
+    EXPECT_EQ(value, 5);
+    EXPECT_EQ(__wrap_pthread_mutex_setprioceiling(&mutex, 25, nullptr), 0);
+    pthread_mutex_getprioceiling(&mutex, &value);
+    EXPECT_EQ(value, 35);
+    EXPECT_EQ(__wrap_pthread_mutex_setprioceiling(&mutex, 90, &value), EINVAL);
+    EXPECT_EQ(__wrap_pthread_mutexattr_setprioceiling(&attr, -10), EINVAL);
+}
+
+TEST(Mutex, InheritsPriorityUnlessTheCallerChoseOtherwise) {
+    int protocol = -1;
+    pthread_mutexattr_t attr;
+    EXPECT_EQ(__wrap_pthread_mutexattr_init(&attr), 0);
+    pthread_mutexattr_getprotocol(&attr, &protocol);
+    EXPECT_EQ(protocol, PTHREAD_PRIO_INHERIT);
+    pthread_mutex_t by_default, by_attributes;
+    EXPECT_EQ(__wrap_pthread_mutex_init(&by_default, nullptr), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_init(&by_attributes, &attr), 0);
+    EXPECT_TRUE(inherits_priority(&by_default));
+    EXPECT_TRUE(inherits_priority(&by_attributes));
+
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE);
+    pthread_mutex_t plain;
+    EXPECT_EQ(__wrap_pthread_mutex_init(&plain, &attr), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_lock(&plain), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_lock(&plain), EDEADLK);
+    EXPECT_EQ(__wrap_pthread_mutex_trylock(&plain), EBUSY);
+    const timespec past{1, 0};
+    EXPECT_EQ(__wrap_pthread_mutex_timedlock(&plain, &past), EDEADLK);
+    EXPECT_EQ(__wrap_pthread_mutex_unlock(&plain), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_unlock(&plain), EPERM);
+    EXPECT_EQ(__wrap_pthread_mutex_timedlock(&plain, &past), 0);
+    on_kernel_thread([&] { EXPECT_EQ(__wrap_pthread_mutex_timedlock(&plain, &past), ETIMEDOUT); });
+}
+
+TEST(Mutex, LockIsRetriedOnATimeoutAlone) {
+    pthread_mutex_t mutex;
+    __wrap_pthread_mutex_init(&mutex, nullptr);
+    for (int last : {0, EINVAL}) {
+        int calls = 0;
+        interposed::pthread_mutex_lock = [&](auto) { return ++calls < 4 ? ETIMEDOUT : last; };
+        EXPECT_EQ(__wrap_pthread_mutex_lock(&mutex), last);
+        EXPECT_EQ(calls, 4);
+    }
+}
+
+TEST(Switch, MakesEveryGatedCallSucceedWithoutTouchingItsObject) {
+    EXPECT_EQ(posix_locks_enabled, 1);
+    zel_disable_posix_locks();
+    EXPECT_EQ(posix_locks_enabled, 0);
+    // Addresses at which nothing may be read.
+    auto* mutex = reinterpret_cast<pthread_mutex_t*>(64);
+    auto* sem = reinterpret_cast<sem_t*>(64);
+    auto* time = reinterpret_cast<const timespec*>(64);
+    errno = 55;
+    EXPECT_EQ(__wrap_pthread_mutex_lock(mutex), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_trylock(mutex), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_timedlock(mutex, time), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_unlock(mutex), 0);
+    EXPECT_EQ(__wrap_sem_wait(sem), 0);
+    EXPECT_EQ(__wrap_sem_timedwait(sem, time), 0);
+    EXPECT_EQ(__wrap_sem_trywait(sem), 0);
+    EXPECT_EQ(__wrap_sem_post(sem), 0);
+    EXPECT_EQ(errno, 55);
+
+    sem_t real_sem;
+    EXPECT_EQ(__wrap_sem_init(&real_sem, 0, 0), 0);
+    EXPECT_EQ(__wrap_sem_post(&real_sem), 0);
+    zel_enable_posix_locks();
+    EXPECT_EQ(posix_locks_enabled, 1);
+    EXPECT_EQ(__wrap_sem_trywait(&real_sem), -1); // the post did not count
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST(Switch, IsObeyedByTheRegistryAndTheClockMapButNotByKernelCalls) {
+    KCallIn = KCallOut = KCallList;
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    const auto registry = [] {
+        unsigned int count = 0;
+        getCopyOfCurrentPthreadIds(nullptr, 0, &count);
+    };
+    const auto clock_map = [&] { __wrap_pthread_cond_destroy(&cond); };
+    const auto kernel_call = [] { kcall_dequeue(0, 0, 0, 0); };
+    EXPECT_NE(mutex_taken_by(registry), nullptr);
+    EXPECT_NE(mutex_taken_by(clock_map), nullptr);
+    zel_disable_posix_locks();
+    EXPECT_EQ(mutex_taken_by(registry), nullptr);
+    EXPECT_EQ(mutex_taken_by(clock_map), nullptr);
+    EXPECT_EQ(mutex_taken_by(kernel_call), &kcall_mutex);
+}
+
+// Switched off between the library's lock and unlock, nothing stays locked.
+TEST(Switch, LeavesNoLockOfTheLibraryHeldWhenTurnedUnderItsFeet) {
+    std::atomic<bool> stop{false};
+    KernelThread turner{Attributes{1}, [&] {
+                            while (!stop) {
+                                zel_disable_posix_locks();
+                                zel_enable_posix_locks();
+                            }
+                        }};
+    for (int i = 0; i < 20000; ++i) {
+        pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+        __wrap_pthread_cond_destroy(&cond);
+    }
+    stop = true;
+    turner.join();
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    pthread_mutex_t* mutex = mutex_taken_by([&] { __wrap_pthread_cond_destroy(&cond); });
+    ASSERT_NE(mutex, nullptr);
+    EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
+}
+
+TEST(Semaphore, IsPrivateToTheProcess) {
+    sem_t sem;
+    EXPECT_EQ(__wrap_sem_init(&sem, 1, 3), 0);
+    // glibc keeps the request after the value and the number of waiters.
+    const auto* words = reinterpret_cast<const int*>(&sem);
+    EXPECT_EQ(words[UINTPTR_MAX > 0xffffffffu ? 2 : 1], 0);
+    int value = 0;
+    sem_getvalue(&sem, &value);
+    EXPECT_EQ(value, 3);
+    EXPECT_EQ(__wrap_sem_init(&sem, 0, 0x80000000u), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(num_semaphores, 0);
+}
+
+TEST(Semaphore, WaitsGoOnAfterSignals) {
+    static std::atomic<int> signals;
+    static sem_t sem;
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        if (++signals == 20)
+            sem_post(&sem);
+    };
+    sigaction(SIGALRM, &action, nullptr);
+    __wrap_sem_init(&sem, 0, 0);
+    const itimerval often{{0, 2000}, {0, 2000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(__wrap_sem_wait(&sem), 0);
+    EXPECT_GE(signals, 20);
+
+    timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_nsec += 60'000'000;
+    deadline.tv_sec += deadline.tv_nsec / 1'000'000'000;
+    deadline.tv_nsec %= 1'000'000'000;
+    EXPECT_EQ(__wrap_sem_timedwait(&sem, &deadline), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    EXPECT_TRUE(now.tv_sec > deadline.tv_sec ||
+                (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec));
+}
+
+// On one processor: a thread of low priority lets one of middle priority go while it is inside the
+// critical section, and that one lets one of high priority go and keeps the processor busy. With
+// inheritance the high one enters at once; without, the middle one gives up after two seconds.
+bool is_entered_past_middle_priority(const std::function<void()>& enter) {
+    sem_t middle_may_run, high_may_run;
+    sem_init(&middle_may_run, 0, 0);
+    sem_init(&high_may_run, 0, 0);
+    std::atomic<bool> entered{false}, gave_up{false};
+    std::atomic<pid_t> low_tid{0};
+    interposed::pthread_mutex_unlock = [&](pthread_mutex_t* mutex) {
+        if (gettid() == low_tid) {
+            low_tid = 0;
+            sem_post(&middle_may_run);
+        }
+        return real::pthread_mutex_unlock(mutex);
+    };
+    KernelThread high{Attributes{20}, [&] {
+                          sem_wait(&high_may_run);
+                          enter();
+                          entered = true;
+                      }};
+    KernelThread middle{Attributes{10}, [&] {
+                            sem_wait(&middle_may_run);
+                            sem_post(&high_may_run);
+                            const auto limit =
+                                std::chrono::steady_clock::now() + std::chrono::seconds{2};
+                            while (!entered && !gave_up)
+                                gave_up = std::chrono::steady_clock::now() > limit;
+                        }};
+    KernelThread low{Attributes{2}, [&] {
+                         low_tid = gettid();
+                         enter();
+                     }};
+    for (KernelThread* thread : {&high, &middle, &low})
+        thread->join();
+    interposed::pthread_mutex_unlock = nullptr;
+    return entered && !gave_up;
+}
+
+TEST(PriorityInversion, IsBoundedThroughEveryLockThatPrioritiesShare) {
+    kernel_priorities.kcall_thread_priority = 50;
+    kcall_initialize_queue(nullptr, 4'000'000);
+    zel_tun_init();
+    EXPECT_TRUE(is_entered_past_middle_priority([] { kcall_dequeue(0, 0, 0, 0); }))
+        << "kernel calls";
+    EXPECT_TRUE(is_entered_past_middle_priority([] {
+        unsigned int count = 0;
+        getCopyOfCurrentPthreadIds(nullptr, 0, &count);
+    })) << "registry";
+    EXPECT_TRUE(is_entered_past_middle_priority([] {
+        pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+        __wrap_pthread_cond_destroy(&cond);
+    })) << "clock map";
+    EXPECT_TRUE(is_entered_past_middle_priority([] {
+        unsigned char packet = 0;
+        zel_tun_ipv4_packet_send(7, &packet, 1);
+    })) << "network state";
+}
+
+} // namespace

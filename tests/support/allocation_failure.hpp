@@ -1,0 +1,30 @@
+#pragma once
+
+#include "sanitizers.hpp"
+
+#include <cerrno>
+#include <cstddef>
+
+namespace zel::test {
+
+// Which of the calling thread's next allocations fails, counting from 1; 0: none.
+static thread_local int allocation_to_fail = 0;
+
+// A sanitizer has allocators of its own, which cannot be made to fail from here.
+constexpr bool can_fail_allocations = !under_address_sanitizer && !under_thread_sanitizer;
+
+} // namespace zel::test
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void* __libc_malloc(size_t size);
+
+// Serves the library and operator new, too.
+extern "C" void* malloc(size_t size) noexcept {
+    int& countdown = zel::test::allocation_to_fail;
+    if (countdown > 0 && --countdown == 0) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __libc_malloc(size);
+}
+#endif

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "wait.hpp"
+
+#include <dirent.h>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sched.h>
+#include <string>
+#include <sys/types.h>
+
+namespace zel::test {
+
+// A thread of this process as the kernel shows it.
+struct ThreadInfo {
+    pid_t tid = 0;
+    int policy = -1;
+    int priority = -1;
+    std::map<std::string, std::string> status; // lines of /proc/self/task/TID/status
+
+    unsigned long long signals(const char* key) const {
+        return std::stoull(status.at(key), nullptr, 16);
+    }
+    bool blocks(int signal) const { return (signals("SigBlk") >> (signal - 1) & 1) != 0; }
+};
+
+inline ThreadInfo thread_info(pid_t tid) {
+    ThreadInfo info;
+    info.tid = tid;
+    std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        const size_t colon = line.find(":\t");
+        if (colon != std::string::npos)
+            info.status[line.substr(0, colon)] = line.substr(colon + 2);
+    }
+    sched_param param{};
+    info.policy = sched_getscheduler(tid);
+    sched_getparam(tid, &param);
+    info.priority = param.sched_priority;
+    return info;
+}
+
+template<typename Action>
+void for_each_thread(Action action) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> tasks{opendir("/proc/self/task"), closedir};
+    while (const dirent* entry = readdir(tasks.get())) {
+        if (entry->d_name[0] != '.')
+            action(static_cast<pid_t>(std::stoi(entry->d_name)));
+    }
+}
+
+inline int number_of_threads() {
+    int count = 0;
+    for_each_thread([&](pid_t) { ++count; });
+    return count;
+}
+
+// The thread of that name, once there is one: threads of the library name themselves. `tid` is 0 if
+// none appears.
+inline ThreadInfo thread_named(const std::string& name) {
+    ThreadInfo found;
+    eventually([&] {
+        for_each_thread([&](pid_t tid) {
+            ThreadInfo info = thread_info(tid);
+            if (info.status["Name"] == name)
+                found = std::move(info);
+        });
+        return found.tid != 0;
+    });
+    return found;
+}
+
+} // namespace zel::test

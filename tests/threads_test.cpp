@@ -1,0 +1,504 @@
+#include "support/allocation_failure.hpp"
+#include "support/capture.hpp"
+#include "support/interpose.hpp"
+#include "support/kernel_thread.hpp"
+#include "support/sanitizers.hpp"
+#include "support/thread_info.hpp"
+#include "support/wait.hpp"
+
+#include <zelkernel/affinity.h>
+#include <zelkernel/interrupt_source.hpp>
+#include <zelkernel/kernel.h>
+#include <zelkernel/locks.h>
+#include <zelkernel/system.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <gmock/gmock.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <vector>
+
+ZEL_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * a), (a), noexcept)
+ZEL_INTERPOSE(int, pthread_attr_setschedpolicy, (pthread_attr_t * a, int p), (a, p), noexcept)
+ZEL_INTERPOSE(int, pthread_attr_setinheritsched, (pthread_attr_t * a, int i), (a, i), noexcept)
+ZEL_INTERPOSE(int, pthread_attr_setdetachstate, (pthread_attr_t * a, int d), (a, d), noexcept)
+ZEL_INTERPOSE(int, pthread_attr_getstack, (const pthread_attr_t* a, void** p, size_t* s), (a, p, s),
+              noexcept)
+ZEL_INTERPOSE(int, pthread_attr_setstack, (pthread_attr_t * a, void* p, size_t s), (a, p, s),
+              noexcept)
+ZEL_INTERPOSE(int, pthread_attr_getstacksize, (const pthread_attr_t* a, size_t* s), (a, s),
+              noexcept)
+ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s), noexcept)
+ZEL_INTERPOSE(int, pthread_attr_getschedparam, (const pthread_attr_t* a, sched_param* p), (a, p),
+              noexcept)
+ZEL_INTERPOSE(int, pthread_attr_setschedparam, (pthread_attr_t * a, const sched_param* p), (a, p),
+              noexcept)
+ZEL_INTERPOSE(int, pthread_setaffinity_np, (pthread_t t, size_t n, const cpu_set_t* s), (t, n, s),
+              noexcept)
+ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
+
+namespace {
+
+using namespace zel::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::vector<pthread_t> registered(unsigned int most = 20000) {
+    std::vector<pthread_t> ids(most);
+    unsigned int count = 99999;
+    EXPECT_EQ(getCopyOfCurrentPthreadIds(ids.data(), most, &count), 0);
+    ids.resize(count);
+    return ids;
+}
+
+bool registry_empties() {
+    return eventually([] { return registered().empty(); });
+}
+
+void* do_nothing(void*) {
+    return nullptr;
+}
+
+TEST(Creation, TakesOnlyStackAndPriorityFromTheCaller) {
+    static constexpr size_t own_size = 131072;
+    void* own = mmap(nullptr, own_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    struct Case {
+        size_t size;
+        void* address;
+        size_t expected;
+    };
+    for (const Case& c : {Case{0, nullptr, 16384}, Case{16384, nullptr, 16384},
+                          Case{65536, nullptr, 65536}, Case{own_size, own, own_size}}) {
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        if (c.size != 0 && c.address == nullptr) {
+            pthread_attr_setstacksize(&attr, c.size);
+        } else {
+            __wrap_pthread_attr_setstack(&attr, c.address, c.size); // a null address: 16384 alone
+        }
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE);
+        pthread_attr_setinheritsched(&attr, PTHREAD_INHERIT_SCHED);
+        pthread_attr_setschedpolicy(&attr, SCHED_RR);
+        const sched_param param{7};
+        pthread_attr_setschedparam(&attr, &param);
+        ThreadInfo info;
+        size_t size = 0;
+        void* address = nullptr;
+        int detached = -1;
+        KernelThread thread{&attr, [&] {
+                                pthread_attr_t actual;
+                                pthread_getattr_np(pthread_self(), &actual);
+                                real::pthread_attr_getstack(&actual, &address, &size);
+                                pthread_attr_getdetachstate(&actual, &detached);
+                                pthread_attr_destroy(&actual);
+                                info = thread_info(gettid());
+                            }};
+        thread.join();
+        pthread_attr_destroy(&attr);
+        EXPECT_EQ(info.policy, SCHED_FIFO);
+        EXPECT_EQ(info.priority, 7);
+        EXPECT_EQ(info.status["Cpus_allowed_list"], "0");
+        EXPECT_EQ(detached, PTHREAD_CREATE_DETACHED);
+        if (!under_thread_sanitizer) { // which enlarges stacks
+            EXPECT_EQ(size, c.expected);
+        }
+        if (c.address != nullptr) {
+            EXPECT_EQ(address, own);
+        }
+        EXPECT_TRUE(registry_empties());
+    }
+    // The last thread may still be on its stack: it stays mapped.
+}
+
+TEST(Creation, WithoutAttributesTakesTheCreatorsPriorityOrIsRefused) {
+    pthread_t id = 1;
+    errno = 0;
+    EXPECT_EQ(printed_on(2,
+                         [&] {
+                             EXPECT_EQ(__wrap_pthread_create(&id, nullptr, do_nothing, nullptr),
+                                       EINVAL);
+                             EXPECT_EQ(errno, EINVAL);
+                         }),
+              "__w_pthread_create; pthread_create: Invalid argument\n");
+    EXPECT_EQ(id, 0u);
+    EXPECT_THAT(registered(), IsEmpty());
+
+    ASSERT_TRUE(become_fifo(9));
+    int priority = 0;
+    KernelThread thread{nullptr, [&] { priority = thread_info(gettid()).priority; }};
+    thread.join();
+    EXPECT_EQ(priority, 9);
+    EXPECT_NE(thread.id, 0u);
+}
+
+TEST(Creation, IsRefusedWhileThePosixLocksAreOff) {
+    zel_disable_posix_locks();
+    pthread_t id = 1;
+    for (pthread_t* where : {&id, static_cast<pthread_t*>(nullptr)}) {
+        errno = 0;
+        EXPECT_EQ(printed_on(2,
+                             [&] {
+                                 EXPECT_EQ(__wrap_pthread_create(where, nullptr, nullptr, nullptr),
+                                           EPERM);
+                                 EXPECT_EQ(errno, EPERM);
+                             }),
+                  "__w_pthread_create; posix locks are disabled: Operation not permitted\n");
+    }
+    EXPECT_EQ(id, 0u);
+    zel_enable_posix_locks();
+    KernelThread thread{Attributes{1}, [] {}};
+    thread.join();
+    EXPECT_EQ(thread.result, 0);
+}
+
+template<typename Hook>
+void create_with_failing(Hook& hook, const char* expected) {
+    // A stack and priority of the caller's make every step run.
+    void* stack = mmap(nullptr, 65536, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    Attributes attr{3};
+    real::pthread_attr_setstack(attr, stack, 65536);
+    hook = [](auto...) { return ENOTSUP; };
+    EXPECT_EQ(
+        printed_on(
+            2, [&] { EXPECT_EQ(__wrap_pthread_create(nullptr, attr, do_nothing, nullptr), 0); }),
+        expected);
+    hook = nullptr;
+    EXPECT_TRUE(registry_empties());
+}
+
+TEST(Creation, ReportsAFailingStepAndGoesOn) {
+    ASSERT_TRUE(become_fifo(2));
+#define STEP(name) "__w_pthread_create; " name ": Operation not supported\n"
+#define NO_PRIORITY "__w_pthread_create; _r_pthread_attr_setschedparam: Invalid argument\n"
+    create_with_failing(interposed::pthread_attr_setschedpolicy,
+                        STEP("pthread_attr_setschedpolicy") NO_PRIORITY);
+    create_with_failing(interposed::pthread_attr_setinheritsched,
+                        STEP("pthread_attr_setinheritsched"));
+    create_with_failing(interposed::pthread_attr_setdetachstate,
+                        STEP("pthread_attr_setdetachstate"));
+    create_with_failing(interposed::pthread_attr_getstacksize, STEP("pthread_attr_getstacksize"));
+    create_with_failing(interposed::pthread_attr_getstack,
+                        "__w_pthread_attr_getstack; pthread_attr_getstack failed: "
+                        "Operation not supported\n" STEP("pthread_attr_getstack"));
+    create_with_failing(interposed::pthread_attr_setstack,
+                        "__w_pthread_attr_setstack; pthread_attr_setstack failed: "
+                        "Operation not supported\n" STEP("pthread_attr_setstack"));
+    create_with_failing(interposed::pthread_attr_setstacksize,
+                        "__w_pthread_create; pthread_attr_setstacksize set default failed: "
+                        "Operation not supported\n" STEP("pthread_attr_init")
+                            STEP("pthread_attr_setstacksize"));
+    create_with_failing(interposed::pthread_attr_getschedparam,
+                        STEP("pthread_attr_getschedparam") NO_PRIORITY);
+    create_with_failing(interposed::pthread_attr_setschedparam,
+                        STEP("_r_pthread_attr_setschedparam"));
+}
+
+TEST(Creation, LeavesNothingBehindWhenRefused) {
+    if (!can_fail_allocations)
+        GTEST_SKIP() << "the sanitizer has its own allocator";
+    Attributes accepted{1};
+    const auto refuse = [&](int failing_allocation, int expected) {
+        pthread_t id = 1;
+        allocation_to_fail = failing_allocation;
+        const int result = __wrap_pthread_create(
+            &id, failing_allocation != 0 ? static_cast<pthread_attr_t*>(accepted) : nullptr,
+            do_nothing, nullptr);
+        EXPECT_EQ(allocation_to_fail, 0); // it was reached
+        EXPECT_EQ(result, expected);
+        EXPECT_EQ(errno, expected);
+        EXPECT_EQ(id, 0u);
+    };
+    const auto refuse_all = [&] {
+        refuse(0, EINVAL);
+        refuse(1, ENOMEM);
+        refuse(2, ENOMEM);
+    };
+    EXPECT_EQ(printed_on(2, refuse_all),
+              "__w_pthread_create; pthread_create: Invalid argument\n"
+              "__w_pthread_create; pthread_create: Cannot allocate memory\n"
+              "__w_pthread_create; pthread_create: Cannot allocate memory\n");
+    Capture quiet{2};
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i)
+        refuse_all();
+    EXPECT_EQ(mallinfo2().uordblks, before);
+    EXPECT_THAT(registered(), IsEmpty());
+}
+
+TEST(Creation, PureFormRegistersForEverAndReportsNothing) {
+    pthread_t id = 1;
+    EXPECT_EQ(printed_on(2,
+                         [&] {
+                             pthread_attr_t refused; // FIFO without a priority
+                             pthread_attr_init(&refused);
+                             pthread_attr_setschedpolicy(&refused, SCHED_FIFO);
+                             pthread_attr_setinheritsched(&refused, PTHREAD_EXPLICIT_SCHED);
+                             EXPECT_EQ(
+                                 __zel_pure_pthread_create(&id, &refused, do_nothing, nullptr),
+                                 EINVAL);
+                             EXPECT_EQ(errno, EINVAL);
+                         }),
+              "");
+    EXPECT_EQ(id, 1u);
+    ASSERT_EQ(__zel_pure_pthread_create(&id, nullptr, do_nothing, nullptr), 0);
+    EXPECT_EQ(pthread_join(id, nullptr), 0); // the attributes are the caller's: joinable
+    EXPECT_THAT(registered(), ElementsAre(id));
+}
+
+TEST(Registry, GivesTheSmallestIdsInAscendingOrder) {
+    constexpr unsigned int threads = 5;
+    sem_t stop;
+    sem_init(&stop, 0, 0);
+    std::vector<pthread_t> expected;
+    for (unsigned int i = 0; i < threads; ++i)
+        expected.push_back(KernelThread{Attributes{1}, [&] { sem_wait(&stop); }}.id);
+    std::sort(expected.begin(), expected.end());
+    for (unsigned int most : {100u, threads, 2u, 0u}) {
+        const std::vector<pthread_t> smallest(expected.begin(),
+                                              expected.begin() + std::min(most, threads));
+        EXPECT_EQ(registered(most), smallest);
+    }
+    for (unsigned int i = 0; i < threads; ++i)
+        sem_post(&stop);
+    EXPECT_TRUE(registry_empties());
+}
+
+// Above the creator's priority a routine is over before the creation call goes on.
+TEST(Registry, ForgetsAThreadHoweverItEnds) {
+    ASSERT_TRUE(become_fifo(10));
+    setThreadAffinityCPU0();
+    for (int priority : {5, 20}) {
+        for (int i = 0; i < 100; ++i) {
+            KernelThread returns{Attributes{priority}, [] {}};
+            KernelThread exits{Attributes{priority}, [] { pthread_exit(nullptr); }};
+            KernelThread waits{Attributes{priority}, [] {
+                                   sem_t never;
+                                   sem_init(&never, 0, 0);
+                                   sem_wait(&never);
+                               }};
+            EXPECT_EQ(pthread_cancel(waits.id), 0);
+            for (KernelThread* thread : {&returns, &exits, &waits})
+                thread->join();
+        }
+        EXPECT_TRUE(registry_empties()) << priority;
+    }
+}
+
+TEST(Registry, HoldsWhile10000ThreadsComeAndGo) {
+    constexpr int creators = 4, each = 2500;
+    std::atomic<int> running{creators}, refused{0}, ran{0};
+    for (int c = 0; c < creators; ++c) {
+        KernelThread{Attributes{2 + c}, [&, c] {
+                         Attributes attr{5 - c};
+                         const auto routine = [](void* counter) -> void* {
+                             ++*static_cast<std::atomic<int>*>(counter);
+                             return nullptr;
+                         };
+                         for (int i = 0; i < each; ++i)
+                             refused += __wrap_pthread_create(nullptr, attr, routine, &ran) != 0;
+                         --running;
+                     }};
+    }
+    while (running != 0) {
+        const auto ids = registered();
+        ASSERT_TRUE(std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<>{}) ==
+                    ids.end());
+    }
+    EXPECT_TRUE(registry_empties());
+    EXPECT_EQ(refused, 0);
+    EXPECT_EQ(ran, creators * each);
+}
+
+// The guard page and the thread's own data leave some 12 of the 16 KiB.
+TEST(Stack, OfTheSmallestSizeSufficesForTheLibrarysCalls) {
+    if (under_address_sanitizer || under_thread_sanitizer)
+        GTEST_SKIP() << "instrumented code needs more stack";
+    std::fprintf(stderr, "From here on the stream is %s.\n", "oriented and unbuffered");
+    Capture out{1}, err{2};
+    static char text[100];
+    static void (*const actions[])() = {
+        [] { // refused
+            zel_disable_posix_locks();
+            __wrap_pthread_create(nullptr, nullptr, do_nothing, nullptr);
+            zel_enable_posix_locks();
+        },
+        [] {
+            KernelThread{Attributes{1}, [] {}}.join();
+        },
+        [] { zel_run_command("echo text; exec 2>&1; ls /nowhere", text, sizeof text); },
+        [] {
+            Linux::LinuxInterruptSource{0, 5, 60, 1, true}.printObjectInfo();
+        },
+        [] { zel_get_free_mem(); },
+        [] { num_processors = 0, getNumOfCpus(); },
+    };
+    for (const auto& action : actions) {
+        size_t left = 0;
+        on_kernel_thread([&] {
+            pthread_attr_t attr;
+            void* lowest = nullptr;
+            size_t size = 0;
+            pthread_getattr_np(pthread_self(), &attr);
+            real::pthread_attr_getstack(&attr, &lowest, &size);
+            pthread_attr_destroy(&attr);
+            auto* const begin = static_cast<volatile unsigned char*>(lowest);
+            auto* const end = static_cast<unsigned char*>(__builtin_frame_address(0)) - 512;
+            for (auto* p = begin; p < end; ++p)
+                *p = 0xa5;
+            action();
+            auto* p = begin;
+            while (*p == 0xa5)
+                ++p;
+            left = static_cast<size_t>(p - begin);
+        });
+        EXPECT_GT(left, 4096u) << "action " << &action - actions;
+        RecordProperty("left" + std::to_string(&action - actions), static_cast<int>(left));
+    }
+}
+
+struct Shift : testing::Test {
+    Shift() { kernel_priorities = {0, 0, 0, 0, 0, 3, -20, 40, 13}; } // by -10
+};
+
+TEST_F(Shift, MovesPrioritiesBothWays) {
+    Attributes attr{1};
+    const sched_param five{5};
+    EXPECT_EQ(__wrap_pthread_attr_setschedparam(attr, &five), 0);
+    sched_param read{};
+    real::pthread_attr_getschedparam(attr, &read);
+    EXPECT_EQ(read.sched_priority, 15);
+
+    EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_RR, &five), 0);
+    EXPECT_EQ(thread_info(gettid()).policy, SCHED_RR);
+    EXPECT_EQ(thread_info(gettid()).priority, 15);
+    int policy = -1;
+    EXPECT_EQ(__wrap_pthread_getschedparam(pthread_self(), &policy, &read), 0);
+    EXPECT_EQ(policy, SCHED_RR);
+    EXPECT_EQ(read.sched_priority, 5);
+    EXPECT_EQ(__wrap_pthread_getschedparam(pthread_self(), &policy, nullptr), 0);
+    for (int any : {SCHED_OTHER, SCHED_FIFO, -1}) {
+        EXPECT_EQ(__wrap_sched_get_priority_min(any), -20);
+        EXPECT_EQ(__wrap_sched_get_priority_max(any), 40);
+    }
+}
+
+TEST_F(Shift, LeavesTheRangeToTheSystem) {
+    const sched_param high{90};
+    EXPECT_EQ(
+        printed_on(2,
+                   [&] {
+                       EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_FIFO, &high),
+                                 EINVAL);
+                       errno = 0;
+                       EXPECT_EQ(__wrap_pthread_attr_setschedparam(Attributes{1}, &high), EINVAL);
+                       EXPECT_EQ(errno, EINVAL);
+                   }),
+        "_w_pthread_attr_setschedparam; _r_pthread_attr_setschedparam: Invalid argument\n");
+    // Two's complement at the ends of the range.
+    kernel_priorities.app_base_priority = INT32_MIN;
+    const sched_param wraps{static_cast<int>(0x80000000u - 13 + 42)};
+    EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_FIFO, &wraps), 0);
+    EXPECT_EQ(thread_info(gettid()).priority, 42);
+}
+
+TEST(AttributeObject, HasTheKernelsStackPolicy) {
+    pthread_attr_t attr;
+    void* address = &attr;
+    size_t size = 0;
+    const auto read_back = [&] {
+        return __wrap_pthread_attr_getstack(&attr, &address, &size) == 0 && address == nullptr
+                   ? size
+                   : 0;
+    };
+    EXPECT_EQ(__wrap_pthread_attr_init(&attr), 0);
+    EXPECT_EQ(read_back(), 16384u);
+    for (const auto& [given, recorded] : {std::pair<size_t, size_t>{4096, 16384}, {50000, 50000}}) {
+        EXPECT_EQ(__wrap_pthread_attr_setstack(&attr, nullptr, given), 0);
+        EXPECT_EQ(read_back(), recorded);
+        real::pthread_attr_getstack(&attr, &address, &size);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(address), uintptr_t{0} - recorded);
+    }
+    alignas(16) static char stack[16384];
+    EXPECT_EQ(__wrap_pthread_attr_setstack(&attr, stack, 1), 0);
+    EXPECT_EQ(__wrap_pthread_attr_getstack(&attr, &address, &size), 0);
+    EXPECT_EQ(address, stack);
+    EXPECT_EQ(size, 16384u);
+    interposed::pthread_attr_init = [](auto) { return ENOMEM; };
+    EXPECT_EQ(printed_on(2, [&] { EXPECT_EQ(__wrap_pthread_attr_init(&attr), ENOMEM); }),
+              "__w_pthread_attr_init; __r_pthread_attr_init failed: Cannot allocate memory\n");
+}
+
+TEST(Names, AreShortenedToTheSystemsLimit) {
+    for (const auto& [given, shown] : {std::pair{"", ""},
+                                       {"fifteen_letters", "fifteen_letters"},
+                                       {"sixteen__letters", "sixteen__lette~"},
+                                       {"a name of far too many letters", "a name of far ~"}}) {
+        EXPECT_EQ(__wrap_pthread_setname_np(pthread_self(), given), 0);
+        EXPECT_EQ(thread_info(gettid()).status["Name"], shown);
+    }
+}
+
+TEST(Affinity, PlacesTheCallingThread) {
+    std::vector<int> chosen;
+    interposed::pthread_setaffinity_np = [&](pthread_t, size_t size, const cpu_set_t* set) {
+        EXPECT_EQ(size, 128u);
+        chosen.clear();
+        for (size_t cpu = 0; cpu < 1024; ++cpu) {
+            if (CPU_ISSET(cpu, set))
+                chosen.push_back(static_cast<int>(cpu));
+        }
+        return 77;
+    };
+    num_processors = 4;
+    EXPECT_EQ(setThreadAffinityCPU(6), 77);
+    EXPECT_THAT(chosen, ElementsAre(2));
+    setThreadAffinityAllCpus();
+    EXPECT_THAT(chosen, ElementsAre(0, 1, 2, 3));
+    setThreadAffinityCPU0();
+    EXPECT_THAT(chosen, ElementsAre(0));
+    num_processors = 3000;
+    setThreadAffinityCPU(2000);
+    EXPECT_THAT(chosen, IsEmpty());
+}
+
+TEST(Affinity, IsReadBackAsBitsOnceTheCountIsKnown) {
+    EXPECT_EQ(getThreadAffinityCPU(), 0u);
+    const long count = sysconf(_SC_NPROCESSORS_CONF);
+    EXPECT_EQ(getNumOfCpus(), count);
+    EXPECT_EQ(setThreadAffinityCPU(static_cast<int>(count) - 1), 0);
+    EXPECT_EQ(getThreadAffinityCPU(), 1u << (count - 1));
+    setThreadAffinityAllCpus();
+    EXPECT_EQ(getThreadAffinityCPU(), (1u << count) - 1);
+    setThreadAffinityCPU0();
+    EXPECT_EQ(getThreadAffinityCPU(), 1u);
+}
+
+TEST(Affinity, CountIsTheLastLinePrintedAndAtLeastOne) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr); // interrupts reads
+    const itimerval often{{0, 2000}, {0, 2000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    for (const auto& [command, expected] :
+         {std::pair{"sleep 0.1; printf '3\n6\n'", 6}, {"true", 1}, {"echo 0", 1}, {"echo x", 1}}) {
+        num_processors = 0;
+        interposed::popen = [instead = command](const char* given, const char* mode) {
+            EXPECT_STREQ(given, "grep -c processor /proc/cpuinfo");
+            return real::popen(instead, mode);
+        };
+        EXPECT_EQ(getNumOfCpus(), expected) << command;
+        EXPECT_EQ(num_processors, expected);
+    }
+}
+
+TEST(Affinity, CountThatCannotBeTakenEndsTheProcess) {
+    interposed::popen = [](auto...) { return nullptr; };
+    EXPECT_EXIT(getNumOfCpus(), testing::ExitedWithCode(1), "^$");
+}
+
+} // namespace
