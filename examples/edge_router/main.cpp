@@ -1,0 +1,104 @@
+// An edge router's control program, in small: an application on libzelkernel with its own IP stack,
+// two routing instances with the same addresses, a periodic device, and the load of real clients.
+// It shows what each service does and checks that nothing was lost or mixed up.
+#include "checks.hpp"
+#include "lateness.hpp"
+#include "network.hpp"
+#include "priorities.hpp"
+#include "private_machine.hpp"
+#include "realtime.hpp"
+#include "stop_signals.hpp"
+#include "threads_view.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <getopt.h>
+#include <zelkernel/kernel.h>
+
+namespace {
+
+struct Options {
+    long seconds = 8;
+    long megabytes = 8;
+};
+
+[[noreturn]] void explain(int status) {
+    std::fprintf(status == 0 ? stdout : stderr,
+                 "usage: edge_router [--seconds N] [--megabytes N]\n"
+                 "  --seconds    how long to measure, at least (8)\n"
+                 "  --megabytes  how much each of the four fetches transfers (8)\n");
+    std::exit(status);
+}
+
+Options read_options(int argc, char* argv[]) {
+    const option known[] = {{"seconds", required_argument, nullptr, 's'},
+                            {"megabytes", required_argument, nullptr, 'm'},
+                            {"help", no_argument, nullptr, 'h'},
+                            {}};
+    Options options;
+    for (int found; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+        long* const value = found == 's'   ? &options.seconds
+                            : found == 'm' ? &options.megabytes
+                                           : nullptr;
+        if (value == nullptr) {
+            explain(found == 'h' ? 0 : 2);
+        }
+        *value = std::strtol(optarg, nullptr, 10);
+        if (*value < 1 || *value > 3600) {
+            explain(2);
+        }
+    }
+    return options;
+}
+
+void require(const std::optional<std::string>& problem) {
+    if (problem) {
+        std::fprintf(stderr, "edge_router: %s\n", problem->c_str());
+        std::exit(2);
+    }
+}
+
+void start_kernel() {
+    block_stop_signals();
+    zel_kernel_init(kernel_table, tick_period_us, 0, on_tick, nullptr);
+    block_stop_signals(); // start-up leaves SIGTERM and SIGHUP unblocked
+}
+
+// Returns false when it was cut short.
+bool run(const Options& options, Checks& checks) {
+    const std::int64_t end = now_ns() + options.seconds * 1'000'000'000LL;
+    start_realtime();
+    start_network(static_cast<std::size_t>(options.megabytes) * 1'000'000, checks);
+    if (stop_requested()) {
+        return false;
+    }
+    show_threads(checks);
+    std::printf("\nRunning for %ld s ...\n", options.seconds);
+    while (now_ns() < end || !network_finished()) {
+        if (stop_requested_within(50)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+    const Options options = read_options(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    require(what_is_missing());
+    require(enter_private_machine());
+    start_kernel();
+
+    Checks checks;
+    const bool complete = run(options, checks);
+    finish_realtime(checks);
+    finish_network(checks);
+    // The library's threads, lwIP's and ours still run: the process may end at any moment.
+    if (!complete) {
+        std::printf("\nInterrupted. Nothing is left behind.\n");
+        return 130;
+    }
+    return checks.print_summary() ? 0 : 1;
+}

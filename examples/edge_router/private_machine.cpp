@@ -1,0 +1,96 @@
+#include "private_machine.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char table_names[] = "/etc/iproute2/rt_tables";
+constexpr char own_table_names[] = "/run/rt_tables";
+
+std::string because(const std::string& what) {
+    return what + ": " + std::strerror(errno) + ".";
+}
+
+bool realtime_allowed() {
+    sched_param before{};
+    const int policy = sched_getscheduler(0);
+    sched_getparam(0, &before);
+    const sched_param lowest{.sched_priority = 1};
+    if (sched_setscheduler(0, SCHED_FIFO, &lowest) != 0) {
+        return false;
+    }
+    sched_setscheduler(0, policy, &before);
+    return true;
+}
+
+// The machine's own table names and one more: only this program's ip commands see them.
+bool write_table_names() {
+    std::ofstream own(own_table_names);
+    if (std::ifstream machine(table_names); machine) {
+        own << machine.rdbuf();
+    }
+    own << "\n100 external\n";
+    own.close();
+    return own.good();
+}
+
+} // namespace
+
+std::optional<std::string> what_is_missing() {
+    if (geteuid() != 0) {
+        return "root is missing: namespaces, TUN devices and real-time priorities need it.";
+    }
+    if (!realtime_allowed()) {
+        return because("the right to real-time priorities is missing");
+    }
+    const int driver = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    if (driver < 0) {
+        return because("the TUN driver is missing, /dev/net/tun cannot be opened");
+    }
+    close(driver);
+    for (const std::string tool : {"ip", "iptables", "ip6tables", "ping", "curl"}) {
+        if (std::system(("command -v " + tool + " >/dev/null").c_str()) != 0) {
+            return "the command " + tool + " is missing.";
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> enter_private_machine() {
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
+        return because("no namespaces of its own");
+    }
+    // Private first: what is mounted from here on must not reach the machine's own tree.
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("edge_router", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0 ||
+        mkdir("/run/netns", 0755) != 0) {
+        return because("no /run of its own");
+    }
+    if (!write_table_names() ||
+        mount(own_table_names, table_names, nullptr, MS_BIND, nullptr) != 0) {
+        return because("no routing table names of its own");
+    }
+    return std::nullopt;
+}
+
+int named_namespaces() {
+    DIR* directory = opendir("/run/netns");
+    if (directory == nullptr) {
+        return 0;
+    }
+    int count = 0;
+    while (const dirent* entry = readdir(directory)) {
+        count += entry->d_name[0] != '.';
+    }
+    closedir(directory);
+    return count;
+}
