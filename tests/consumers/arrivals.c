@@ -35,7 +35,9 @@ static int start_thread(const pthread_attr_t* attr) {
     return 0;
 }
 
-static void ignore(int signal) { (void)signal; }
+static void ignore(int signal) {
+    (void)signal;
+}
 
 static void sleep_through_signal(void) {
     signal(SIGALRM, ignore);
