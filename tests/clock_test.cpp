@@ -1,0 +1,158 @@
+#include "support/interpose.hpp"
+#include "support/kernel_thread.hpp"
+
+#include <zelkernel/clock.h>
+#include <zelkernel/kernel.h>
+#include <zelkernel/system.h>
+
+#include <cerrno>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/time.h>
+#include <vector>
+
+ZEL_INTERPOSE(int, nanosleep, (const timespec* r, timespec* left), (r, left), )
+ZEL_INTERPOSE(int, clock_gettime, (clockid_t c, timespec* t), (c, t), noexcept)
+ZEL_INTERPOSE(int, clock_settime, (clockid_t c, const timespec* t), (c, t), noexcept)
+
+namespace {
+
+long long ns(const timespec& t) {
+    return t.tv_sec * 1'000'000'000LL + t.tv_nsec;
+}
+
+TEST(Sleep, AsksForItsTimeAndGoesOnWithWhatRemained) {
+    std::vector<long long> requests;
+    int interruptions = 0, last_error = 0;
+    interposed::nanosleep = [&](const timespec* request, timespec* left) {
+        requests.push_back(ns(*request));
+        EXPECT_EQ(request, left);
+        if (interruptions-- > 0) {
+            *left = {request->tv_sec / 2, 7};
+            errno = EINTR;
+            return -1;
+        }
+        errno = last_error;
+        return last_error == 0 ? 0 : -1;
+    };
+    struct Case {
+        std::function<int()> call;
+        long long request;
+    };
+    for (const Case& c :
+         {Case{[] { return __wrap_sleep(3); }, 3'000'000'000},
+          Case{[] { return __wrap_usleep(2'500'000); }, 2'500'000'000},
+          Case{[] { return __wrap_usleep(4'294'967'295); }, 4'294'967'295'000},
+          Case{[] { return __wrap_usleep(0); }, 0},
+          Case{[] { return sleepMs(1500); }, 1'500'000'000}, Case{[] { return sleepMs(0); }, 0},
+          Case{[] { return sleepMs(-5); }, -5'000'000}}) {
+        for (int error : {0, EINVAL}) {
+            requests.clear();
+            interruptions = 2;
+            last_error = error;
+            EXPECT_EQ(c.call(), error == 0 ? 0 : -1);
+            const long long half = c.request / 1'000'000'000 / 2, quarter = half / 2;
+            EXPECT_EQ(requests, (std::vector<long long>{c.request, half * 1'000'000'000 + 7,
+                                                        quarter * 1'000'000'000 + 7}));
+        }
+    }
+}
+
+TEST(Sleep, UnderARainOfSignalsLastsItsFullTime) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often{{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    for (const auto& [call, at_least] :
+         {std::pair<int (*)(), long long>{[] { return __wrap_sleep(1); }, 1'000'000'000},
+          {[] { return __wrap_usleep(50'000); }, 50'000'000},
+          {[] { return sleepMs(50); }, 50'000'000}}) {
+        timespec start, end;
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        EXPECT_EQ(call(), 0);
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        EXPECT_GE(ns(end) - ns(start), at_least);
+    }
+    errno = 0;
+    EXPECT_EQ(sleepMs(-5), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(Clock, MonotonicCountsFromTheStartTime) {
+    struct Case {
+        int64_t start;
+        timespec now, uptime;
+    };
+    for (const Case& c : {Case{0, {8, 300'000'000}, {8, 300'000'000}},
+                          Case{5'500'000'000, {8, 300'000'000}, {2, 800'000'000}},
+                          Case{5'500'000'000, {5, 500'000'000}, {0, 0}},
+                          Case{5'500'000'000, {6, 500'000'001}, {1, 1}}}) {
+        interposed::clock_gettime = [now = c.now](clockid_t, timespec* tp) {
+            *tp = now;
+            return 0;
+        };
+        for (bool with_timespec : {false, true}) { // one alone decides, also when set by hand
+            starttimeInNs = c.start;
+            starttime = with_timespec ? timespec{static_cast<time_t>(c.start / 1'000'000'000),
+                                                 static_cast<long>(c.start % 1'000'000'000)}
+                                      : timespec{};
+            timespec uptime{}, clock{}, other{};
+            EXPECT_EQ(zel_get_uptime(&uptime), 0);
+            EXPECT_EQ(__wrap_clock_gettime(CLOCK_MONOTONIC, &clock), 0);
+            EXPECT_EQ(__wrap_clock_gettime(CLOCK_REALTIME, &other), 0);
+            EXPECT_EQ(ns(uptime), ns(c.uptime));
+            EXPECT_EQ(ns(clock), ns(c.uptime));
+            EXPECT_EQ(ns(other), ns(c.now));
+            EXPECT_EQ(zel_get_starttime_in_ns(), c.start);
+        }
+    }
+    interposed::clock_gettime = [](auto...) { return -1; };
+    timespec untouched{4, 5};
+    EXPECT_EQ(zel_get_uptime(&untouched), -1);
+    EXPECT_EQ(__wrap_clock_gettime(CLOCK_MONOTONIC, &untouched), -1);
+    EXPECT_EQ(ns(untouched), 4'000'000'005);
+}
+
+TEST(Clock, ReportsTheTimeBeforeEachChangeToTheCallback) {
+    static std::vector<std::string> events;
+    interposed::clock_gettime = [](clockid_t clock, timespec* tp) {
+        events.push_back("get " + std::to_string(clock));
+        *tp = {111, 222};
+        return 0;
+    };
+    int result = 0;
+    interposed::clock_settime = [&](clockid_t clock, const timespec* tp) {
+        events.push_back("set " + std::to_string(clock) + " " + std::to_string(tp->tv_sec));
+        return result;
+    };
+    const zel_update_rtc_func callback = [](clockid_t clock, timespec* before) {
+        events.push_back("was " + std::to_string(clock) + " " + std::to_string(before->tv_sec) +
+                         "." + std::to_string(before->tv_nsec));
+    };
+    const timespec target{333, 0};
+    for (int each : {0, -1}) {
+        result = each;
+        updateRTCFunc = callback;
+        EXPECT_EQ(__wrap_clock_settime(CLOCK_REALTIME, &target), each);
+        updateRTCFunc = nullptr;
+        EXPECT_EQ(__wrap_clock_settime(CLOCK_MONOTONIC, &target), each);
+        EXPECT_EQ(events, (std::vector<std::string>{"get 0", "set 0 333", "was 0 111.222", "get 1",
+                                                    "set 1 333"}));
+        events.clear();
+    }
+}
+
+TEST(StaticObjectGuard, IsItsFirstByte) {
+    unsigned char guard[8] = {0, 9, 9, 9, 9, 9, 9, 9};
+    EXPECT_EQ(__wrap___cxa_guard_acquire(guard), 1);
+    __wrap___cxa_guard_abort(guard);
+    EXPECT_EQ(__wrap___cxa_guard_acquire(guard), 1);
+    __wrap___cxa_guard_release(guard);
+    EXPECT_EQ(__wrap___cxa_guard_acquire(guard), 0);
+    EXPECT_EQ(guard[0], 1);
+    EXPECT_EQ(guard[1], 9);
+}
+
+} // namespace

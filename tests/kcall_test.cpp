@@ -1,0 +1,256 @@
+#include "support/capture.hpp"
+#include "support/interpose.hpp"
+#include "support/kernel_thread.hpp"
+#include "support/manual_tick.hpp"
+#include "support/thread_info.hpp"
+#include "support/wait.hpp"
+
+#include <zelkernel/kcall.h>
+#include <zelkernel/kernel.h>
+#include <zelkernel/locks.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <gmock/gmock.h>
+#include <list>
+#include <vector>
+
+ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a),
+              noexcept)
+
+namespace {
+
+using namespace zel::test;
+using testing::ElementsAre;
+
+constexpr int kcall_priority = 60;
+
+std::vector<zel_word_t> ran; // first arguments, by the kernel-call thread alone
+std::atomic<int>& polls = ManualTick::polls;
+
+zel_word_t word(void (*function)(zel_word_t, zel_word_t, zel_word_t)) {
+    return reinterpret_cast<zel_word_t>(function);
+}
+void note(zel_word_t a, zel_word_t, zel_word_t) {
+    ran.push_back(a);
+}
+void other(zel_word_t a, zel_word_t, zel_word_t) {
+    ran.push_back(a + 100);
+}
+
+struct Queue : testing::Test {
+    void tick() { ASSERT_TRUE(ticks.tick()); }
+
+    ManualTick ticks{kcall_priority};
+    ThreadInfo info = thread_named("KCall");
+};
+
+TEST_F(Queue, KeepsItsThreadAsTheKernelShowsIt) {
+    EXPECT_EQ(info.policy, SCHED_FIFO);
+    EXPECT_EQ(info.priority, kcall_priority);
+    EXPECT_EQ(info.status.at("Cpus_allowed_list"),
+              thread_info(gettid()).status["Cpus_allowed_list"]);
+    // The kernel shows a signal that is being waited for as not blocked: asked from inside.
+    static sigset_t blocked;
+    kcall_enqueue(word([](zel_word_t, zel_word_t, zel_word_t) {
+                      pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+                  }),
+                  0, 0, 0);
+    tick();
+    EXPECT_EQ(sigismember(&blocked, SIGRTMIN), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0); // blocking that one is start-up's part
+    EXPECT_EQ(sigismember(&mask, SIGRTMIN), 1);
+    EXPECT_EQ(sev.sigev_notify, SIGEV_THREAD_ID);
+    EXPECT_EQ(sev.sigev_signo, SIGRTMIN);
+    EXPECT_EQ(sev._sigev_un._tid, info.tid);
+    EXPECT_EQ(sev.sigev_value.sival_ptr, &timer_id);
+    unsigned int count = 0;
+    pthread_t id = 0;
+    getCopyOfCurrentPthreadIds(&id, 1, &count);
+    EXPECT_EQ(id, ticks.thread);
+    EXPECT_EQ(zel_get_current_context(), 0);
+}
+
+TEST_F(Queue, Keeps1023CallsInOrderAndDropsTheNext) {
+    EXPECT_EQ(KCallIn, &KCallList[0]);
+    EXPECT_EQ(KCallOut, &KCallList[0]);
+    for (zel_word_t i = 1; i <= 1024; ++i)
+        EXPECT_EQ(kcall_enqueue(word(note), i, 20, 30), 0);
+    EXPECT_EQ(KCallIn, &KCallList[1023]);
+    EXPECT_EQ(KCallList[1].function, word(note));
+    EXPECT_THAT(KCallList[1].arguments, ElementsAre(1, 20, 30));
+    EXPECT_EQ(KCallList[0].function, 0u);
+    tick();
+    ASSERT_EQ(ran.size(), 1023u);
+    for (zel_word_t i = 0; i < 1023; ++i)
+        EXPECT_EQ(ran[i], i + 1);
+
+    kcall_enqueue(word(note), 0, 0, 0); // the 1024th goes into entry 0
+    tick();
+    EXPECT_EQ(KCallIn, &KCallList[0]);
+    EXPECT_EQ(KCallOut, &KCallList[0]);
+}
+
+TEST_F(Queue, RunsCallsQueuedByACallInTheSamePass) {
+    static int polls_before, polls_after;
+    const auto first = [](zel_word_t, zel_word_t, zel_word_t) {
+        polls_before = polls;
+        EXPECT_EQ(KCallLevel, 1);
+        EXPECT_EQ(zel_get_current_context(), 1);
+        EXPECT_EQ(isItSafeToBlock(), 0);
+        kcall_enqueue(word(note), 3, 0, 0);
+        kcall_dequeue(word(note), 2, 0, 0); // during a pass: nothing
+        pthread_kill(pthread_self(), SIGRTMIN);
+        pthread_kill(pthread_self(), SIGRTMIN);
+    };
+    kcall_enqueue(word(first), 0, 0, 0);
+    kcall_enqueue(word(note), 2, 0, 0);
+    kcall_enqueue(word([](zel_word_t, zel_word_t, zel_word_t) { polls_after = polls; }), 0, 0, 0);
+    tick();
+    EXPECT_THAT(ran, ElementsAre(2, 3));
+    EXPECT_EQ(polls_before, 1); // the poller had run before
+    EXPECT_EQ(polls_after, 1);
+}
+
+TEST_F(Queue, CancelsEveryPendingCallWithTheSameFourWords) {
+    for (int round = 0; round < 2; ++round) {
+        kcall_enqueue(word(note), 1, 2, 3);
+        kcall_enqueue(word(note), 2, 2, 4);
+        kcall_enqueue(word(note), 3, 9, 3);
+        kcall_enqueue(word(other), 1, 2, 3);
+    }
+    kcall_dequeue(word(note), 2, 2, 3);
+    kcall_dequeue(word(note), 2, 2, 0);
+    kcall_dequeue(word(note), 3, 2, 3);
+    kcall_dequeue(word(note), 1, 2, 3);
+    for (int entry : {1, 5}) {
+        EXPECT_EQ(KCallList[entry].function, word(Empty));
+        EXPECT_THAT(KCallList[entry].arguments, ElementsAre(1, 2, 3));
+    }
+    tick();
+    EXPECT_THAT(ran, ElementsAre(2, 3, 101, 2, 3, 101));
+    kcall_dequeue(word(note), 3, 9, 3); // is not pending any more
+    EXPECT_EQ(KCallList[3].function, word(note));
+}
+
+TEST_F(Queue, DoesNothingAtATickWhileTheApplicationSetsTheLevel) {
+    kcall_enqueue(word(note), 1, 0, 0);
+    KCallLevel = 3;
+    kcall_dequeue(word(note), 1, 0, 0);
+    ticks.signal();
+    EXPECT_TRUE(eventually([&] { return (thread_info(info.tid).signals("SigPnd")) == 0; }));
+    pthread_mutex_lock(&kcall_mutex);
+    EXPECT_EQ(polls, 0);
+    KCallLevel = 0;
+    pthread_mutex_unlock(&kcall_mutex);
+    tick();
+    EXPECT_THAT(ran, ElementsAre(1));
+    zel_disable_posix_locks(); // which are not the queue's
+    kcall_enqueue(word(note), 2, 0, 0);
+    KCallRunPoller = nullptr;
+    ticks.signal();
+    EXPECT_TRUE(eventually(ManualTick::idle));
+    EXPECT_THAT(ran, ElementsAre(1, 2));
+}
+
+// What stands in a call's entry at the end tells its fate: Empty, and it has not run, or itself,
+// and it has run once.
+TEST_F(Queue, RunsEachCallOfManyThreadsOnceOrCancelsIt) {
+    constexpr int threads = 8, each = 125; // together they fit
+    static std::array<std::atomic<int>, threads * each> runs;
+    const auto run = [](zel_word_t id, zel_word_t, zel_word_t) { ++runs[id]; };
+    int cancelled = 0;
+    for (int round = 0; round < 30; ++round) {
+        for (auto& count : runs)
+            count = 0;
+        pthread_mutex_lock(&kcall_mutex);
+        KCallIn = KCallOut = KCallList;
+        pthread_mutex_unlock(&kcall_mutex);
+        std::list<KernelThread> queuers;
+        for (int t = 0; t < threads; ++t) {
+            queuers.emplace_back(Attributes{1 + t % 3}, [&, t] {
+                for (int i = 0; i < each; ++i) {
+                    const auto id = static_cast<zel_word_t>(t * each + i);
+                    kcall_enqueue(word(run), id, 0, 0);
+                    if (i % 3 == 0)
+                        kcall_dequeue(word(run), id, 0, 0);
+                    if (i % 10 == 0)
+                        ticks.signal();
+                }
+            });
+        }
+        for (KernelThread& queuer : queuers)
+            queuer.join();
+        tick();
+        for (size_t entry = 1; entry <= threads * each; ++entry) {
+            const KernelCall& call = KCallList[entry];
+            const bool is_cancelled = call.function == word(Empty);
+            cancelled += is_cancelled;
+            ASSERT_EQ(runs[call.arguments[0]], is_cancelled ? 0 : 1);
+        }
+    }
+    EXPECT_GT(cancelled, 0);
+}
+
+TEST(Tick, IsNeverEarlyAndSurvivesSignals) {
+    kernel_priorities.kcall_thread_priority = kcall_priority;
+    const pthread_t thread = kcall_initialize_queue([] { ++polls; }, 2000);
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    const int first = polls;
+    while (polls < first + 50)
+        pthread_kill(thread, SIGUSR1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds{2 * 49});
+}
+
+TEST(TickPeriod, ReachesTheTimerOrIsReported) {
+    kernel_priorities.kcall_thread_priority = kcall_priority;
+    std::atomic<bool> armed{false};
+    itimerspec set{};
+    interposed::timer_settime = [&](timer_t, int flags, const itimerspec* value, itimerspec*) {
+        EXPECT_EQ(flags, 0);
+        set = *value;
+        armed = true;
+        return 0;
+    };
+    const auto refusal = [](const char* us) {
+        return "zel_kernel_init: a tick period of " + std::string{us} +
+               " us is not between 1 and 4294967; there will be no tick\n";
+    };
+    struct Case {
+        uint32_t us, ns; // ns as exported
+        long seconds, nanoseconds;
+        std::string line;
+    };
+    for (const Case& c : {Case{1, 1000, 0, 1000, ""}, Case{1000, 1'000'000, 0, 1'000'000, ""},
+                          Case{1'000'000, 1'000'000'000, 1, 0, ""},
+                          Case{1'500'000, 1'500'000'000, 1, 500'000'000, ""},
+                          Case{4'294'967, 4'294'967'000, 4, 294'967'000, ""},
+                          Case{4'294'968, 704, 0, 0, refusal("4294968")},
+                          Case{UINT32_MAX, 4'294'966'296, 0, 0, refusal("4294967295")},
+                          Case{0, 0, 0, 0, refusal("0")}}) {
+        armed = false;
+        EXPECT_EQ(printed_on(2, [&] { kcall_initialize_queue(nullptr, c.us); }), c.line);
+        ASSERT_TRUE(eventually([&] { return armed.load(); }));
+        EXPECT_EQ(KCall_nsTickPeriod, c.ns);
+        for (const timespec& part : {set.it_value, set.it_interval}) {
+            EXPECT_EQ(part.tv_sec, c.seconds);
+            EXPECT_EQ(part.tv_nsec, c.nanoseconds);
+        }
+        EXPECT_EQ(its.it_value.tv_nsec + its.it_interval.tv_nsec, 0);
+    }
+}
+
+TEST(KernelCallQueue, StopsTheProcessWhenItCannotBeMade) {
+    kernel_priorities.kcall_thread_priority = 100;
+    EXPECT_EXIT(kcall_initialize_queue(nullptr, 1000), testing::KilledBySignal(SIGABRT),
+                "^src/LinuxKcallQueue:145 Could not create KCALL thread\\.\n$");
+    interposed::pthread_mutex_init = [](auto...) { return ENOMEM; };
+    EXPECT_EXIT(kcall_initialize_queue(nullptr, 1000), testing::KilledBySignal(SIGABRT),
+                "^src/LinuxKcallQueue:132 Could not create KCALL mutex\\.\n$");
+}
+
+} // namespace
