@@ -22,9 +22,10 @@ CommandResult run_command(const char* command) {
 Finding all_succeed(std::initializer_list<const char*> commands) {
     for (const char* command : commands) {
         const auto [succeeded, output] = run_command(command);
-        if (!succeeded)
+        if (!succeeded) {
             return {Status::missing,
                     format("\"%s\" fails: %s", command, first_line(output).c_str())};
+        }
     }
     return {Status::ok, "works"};
 }

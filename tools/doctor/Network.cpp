@@ -54,7 +54,7 @@ constexpr Check tools[] = {
 };
 
 Finding tun_device() {
-    const Finding made = all_succeed({"ip tuntap add dev tun4_0 mode tun"});
+    Finding made = all_succeed({"ip tuntap add dev tun4_0 mode tun"});
     if (made.status != Status::ok)
         return made;
     const int fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);

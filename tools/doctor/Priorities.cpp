@@ -112,10 +112,11 @@ std::vector<Result> check_priorities(const Request& request) {
     std::vector<Result> results;
     results.push_back({"caller of zel_kernel_init", caller_of(words, caller),
                        "it cannot have this priority", "give it one from 1 to 99"});
-    for (const Level& level : levels)
+    for (const Level& level : levels) {
         results.push_back({level.what, level_of(level, words, mapping), level.consequence,
                            "change the word, linux_base_priority or the caller's own priority so "
                            "that the result is 1 to 99"});
+    }
     results.push_back({"order of priorities", order_of(mapping),
                        "interrupts and kernel calls wait for application threads; a thread above "
                        "the ceiling cannot take the interrupt lock (EINVAL)",

@@ -35,9 +35,10 @@ Finding real_time_rights(const Request& request) {
     if (highest == 0)
         return {Status::missing, "SCHED_FIFO refused at every priority"};
     const bool all = highest == sched_get_priority_max(SCHED_FIFO);
-    if (!all && highest < highest_wanted(request))
+    if (!all && highest < highest_wanted(request)) {
         return {Status::missing,
                 format("SCHED_FIFO up to priority %d, too low for the table", highest)};
+    }
     return {all ? Status::ok : Status::note, format("SCHED_FIFO up to priority %d", highest)};
 }
 
@@ -67,9 +68,10 @@ Finding processors(const Request&) {
     // As the library counts; a count that cannot be read is 1.
     const long counted =
         std::max(1L, std::atol(run_command("grep -c processor /proc/cpuinfo").output.c_str()));
-    if (counted != online)
+    if (counted != online) {
         return {Status::note,
                 format("%ld online, /proc/cpuinfo makes the library count %ld", online, counted)};
+    }
     return {Status::ok, format("%ld", online)};
 }
 
@@ -106,18 +108,18 @@ int tick_priority(const Request& request) {
 
 Finding tick_lateness(const Request& request) {
     TickTrial trial = run_tick_trial(tick_priority(request));
-    if (trial.lateness_ns.empty())
+    if (trial.lateness_us.empty())
         return {Status::missing, "a timer with SIGEV_THREAD_ID cannot be made"};
-    std::sort(trial.lateness_ns.begin(), trial.lateness_ns.end());
+    std::sort(trial.lateness_us.begin(), trial.lateness_us.end());
     const auto microseconds = [&trial](std::size_t percent) {
-        const std::size_t last = trial.lateness_ns.size() - 1;
-        return static_cast<long>(trial.lateness_ns[last * percent / 100] / 1000);
+        const std::size_t last = trial.lateness_us.size() - 1;
+        return long{trial.lateness_us[last * percent / 100]};
     };
     const bool good = trial.real_time && trial.lost == 0;
     return {good ? Status::ok : Status::note,
             format("median %ld us, 99 %% %ld us, maximum %ld us, %u of %zu ticks lost%s",
                    microseconds(50), microseconds(99), microseconds(100), trial.lost,
-                   trial.lateness_ns.size() + trial.lost,
+                   trial.lateness_us.size() + trial.lost,
                    trial.real_time ? "" : " (measured without real-time priority)")};
 }
 

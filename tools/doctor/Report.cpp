@@ -26,12 +26,13 @@ const char* name_of(Status status) {
 std::string quoted(std::string_view text) {
     std::string result = "\"";
     for (const char c : text) {
-        if (c == '"' || c == '\\')
+        if (c == '"' || c == '\\') {
             result += {'\\', c};
-        else if (static_cast<unsigned char>(c) < 0x20)
+        } else if (static_cast<unsigned char>(c) < 0x20) {
             result += format("\\u%04x", static_cast<unsigned>(c));
-        else
+        } else {
             result += c;
+        }
     }
     return result + '"';
 }
@@ -48,9 +49,10 @@ void print_text(std::span<const Result> results) {
     for (const Result& result : results) {
         const auto& [status, found] = result.finding;
         std::printf("%-8s %-28s %s\n", name_of(status), result.what, found.c_str());
-        if (status != Status::ok)
+        if (status != Status::ok) {
             std::printf("%-8s   consequence: %s\n%-8s   remedy: %s\n", "", result.consequence, "",
                         result.remedy);
+        }
     }
 }
 

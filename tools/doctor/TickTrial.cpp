@@ -64,7 +64,7 @@ void tick(TickTrial& trial, int fifo_priority) {
     std::int64_t due = now_ns();
     if (!timer.start())
         return;
-    trial.lateness_ns.reserve(ticks);
+    trial.lateness_us.reserve(ticks);
     for (unsigned passed = 0; passed < ticks; ++passed) {
         int signal = 0;
         sigwait(&tick_signal, &signal);
@@ -73,7 +73,7 @@ void tick(TickTrial& trial, int fifo_priority) {
         trial.lost += lost;
         passed += lost;
         due += period_ns * (1 + std::int64_t{lost});
-        trial.lateness_ns.push_back(now - due);
+        trial.lateness_us.push_back(static_cast<std::int32_t>((now - due) / 1000));
     }
 }
 

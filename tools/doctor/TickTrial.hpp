@@ -8,7 +8,7 @@
 namespace zel::doctor {
 
 struct TickTrial {
-    std::vector<std::int64_t> lateness_ns; // one for each tick that arrived; empty without a timer
+    std::vector<std::int32_t> lateness_us; // one for each tick that arrived; empty without a timer
     unsigned lost = 0;                     // ticks that passed while the thread was away
     bool real_time = false;                // whether the thread got its SCHED_FIFO priority
 };

@@ -69,14 +69,15 @@ Options parse(int argc, char** argv) {
             leave_with(0, stdout, usage);
         if (choice == 'V')
             leave_with(0, stdout, "zelkernel-doctor " ZEL_TOOLS_VERSION "\n");
-        if (choice == 'j')
+        if (choice == 'j') {
             result.json = true;
-        else if (choice == 'p')
+        } else if (choice == 'p') {
             valid = valid && parse_priorities(optarg, result.request);
-        else if (choice == 'c')
+        } else if (choice == 'c') {
             valid = valid && parse_numbers(optarg, &result.request.caller_priority, 1);
-        else
+        } else {
             valid = false;
+        }
     }
     if (!valid || optind != argc)
         leave_with(2, stderr, usage);
