@@ -49,8 +49,7 @@ struct Queue : testing::Test {
 TEST_F(Queue, KeepsItsThreadAsTheKernelShowsIt) {
     EXPECT_EQ(info.policy, SCHED_FIFO);
     EXPECT_EQ(info.priority, kcall_priority);
-    EXPECT_EQ(info.status.at("Cpus_allowed_list"),
-              thread_info(gettid()).status["Cpus_allowed_list"]);
+    EXPECT_EQ(info.status.at("Cpus_allowed_list"), all_cpus());
     // The kernel shows a signal that is being waited for as not blocked: asked from inside.
     static sigset_t blocked;
     kcall_enqueue(word([](zel_word_t, zel_word_t, zel_word_t) {

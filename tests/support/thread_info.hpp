@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <string>
 #include <sys/types.h>
+#include <unistd.h>
 
 namespace zel::test {
 
@@ -39,6 +40,12 @@ inline ThreadInfo thread_info(pid_t tid) {
     sched_getparam(tid, &param);
     info.priority = param.sched_priority;
     return info;
+}
+
+// Cpus_allowed_list of a thread that may run everywhere.
+inline std::string all_cpus() {
+    const long last = sysconf(_SC_NPROCESSORS_ONLN) - 1;
+    return last == 0 ? "0" : "0-" + std::to_string(last);
 }
 
 template<typename Action>
