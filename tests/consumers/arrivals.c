@@ -41,8 +41,8 @@ static void ignore(int signal) {
 
 static void sleep_through_signal(void) {
     signal(SIGALRM, ignore);
-    const struct timeval often = {.tv_usec =
-                                      50000}; /* one falls into the sleep, however late it is */
+    /* One falls into the sleep, however late that begins. */
+    const struct timeval often = {.tv_usec = 50000};
     const struct itimerval alarms = {.it_interval = often, .it_value = often};
     setitimer(ITIMER_REAL, &alarms, NULL);
     report("usleep", usleep(200000) == 0);
