@@ -1,0 +1,123 @@
+// zelkernel-top: a terminal view of a running application.
+#include "StatisticsFile.hpp"
+#include "View.hpp"
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* usage = "usage: zelkernel-top [--delay SECONDS] [--count N] [PID]\n"
+                              "Shows what the kernel of an application does that was started with "
+                              "ZELKERNEL_STATS=1.\n"
+                              "  --delay SECONDS  between two pictures, 1 to 3600 (default 1)\n"
+                              "  --count N        end after N pictures (default: go on)\n";
+
+enum Status { ok = 0, failed = 1, misused = 2 };
+
+struct Options {
+    int delay = 1;
+    int count = 0; // 0: for ever
+    pid_t pid = 0; // 0: the one that publishes
+};
+
+bool parse_number(std::string_view text, int lowest, int highest, int& number) {
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc{} && result.ptr == text.data() + text.size() &&
+           number >= lowest && number <= highest;
+}
+
+bool parse(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : "";
+        if (argument == "--delay" && parse_number(value, 1, 3600, options.delay)) {
+            ++i;
+        } else if (argument == "--count" && parse_number(value, 1, 1'000'000, options.count)) {
+            ++i;
+        } else if (options.pid != 0 || !parse_number(argument, 1, 1 << 30, options.pid)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool choose_process(Options& options) {
+    if (options.pid != 0)
+        return true;
+    const auto candidates = top::publishing_processes();
+    if (candidates.size() == 1) {
+        options.pid = candidates.front();
+        return true;
+    }
+    if (candidates.empty()) {
+        std::fputs("zelkernel-top: no process publishes counters (or we may not look into it): "
+                   "start the application with ZELKERNEL_STATS=1\n",
+                   stderr);
+        return false;
+    }
+    std::fputs("zelkernel-top: several processes publish counters, give one of:", stderr);
+    for (const pid_t pid : candidates)
+        std::fprintf(stderr, " %d", pid);
+    std::fputs("\n", stderr);
+    return false;
+}
+
+top::Look look(const top::Statistics& statistics, pid_t pid) {
+    using namespace std::chrono;
+    const duration<double> now = steady_clock::now().time_since_epoch();
+    return {*statistics, top::threads_of(pid), now.count()};
+}
+
+bool is_gone(pid_t pid) {
+    return kill(pid, 0) == -1 && errno == ESRCH;
+}
+
+int show(const Options& options, const top::Statistics& statistics) {
+    const bool is_terminal = isatty(STDOUT_FILENO) != 0;
+    top::Look before = look(statistics, options.pid);
+    for (int picture = 1; options.count == 0 || picture <= options.count; ++picture) {
+        std::this_thread::sleep_for(std::chrono::seconds(options.delay));
+        if (is_gone(options.pid)) {
+            std::fprintf(stderr, "zelkernel-top: process %d has ended\n", options.pid);
+            return ok;
+        }
+        top::Look now = look(statistics, options.pid);
+        std::fputs(is_terminal ? "\033[H\033[2J" : "", stdout);
+        std::fputs(top::render(options.pid, before, now).c_str(), stdout);
+        if (std::fflush(stdout) != 0)
+            return failed;
+        before = std::move(now);
+    }
+    return ok;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (argc == 2 && std::string_view{argv[1]} == "--help") {
+        std::fputs(usage, stdout);
+        return ok;
+    }
+    if (!parse(argc, argv, options)) {
+        std::fputs(usage, stderr);
+        return misused;
+    }
+    if (!choose_process(options))
+        return failed;
+    std::string problem;
+    const top::Statistics statistics = top::map_statistics(options.pid, problem);
+    if (statistics == nullptr) {
+        std::fprintf(stderr, "zelkernel-top: %s\n", problem.c_str());
+        return failed;
+    }
+    return show(options, statistics);
+}
