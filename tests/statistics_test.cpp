@@ -1,0 +1,136 @@
+// The published counters: found from outside, counting what happens, absent unless asked for.
+#include "support/emulation.hpp"
+#include "support/private_namespaces.hpp"
+#include "support/wait.hpp"
+
+#include <zelkernel/interrupt_manager.hpp>
+#include <zelkernel/kcall.h>
+#include <zelkernel/kernel.h>
+#include <zelkernel/routing.h>
+#include <zelkernel/simulated_platform.h>
+#include <zelkernel/statistics.h>
+#include <zelkernel/tun.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <numeric>
+#include <span>
+#include <sys/mman.h>
+
+namespace {
+
+using namespace zel::test;
+using testing::HasSubstr;
+
+constexpr KernelPriorities priorities{40, 38, 36, 0, 34, 0, 0, 20, 9};
+
+std::vector<std::string> statistics_files() {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+        std::error_code gone;
+        const auto target = std::filesystem::read_symlink(entry.path(), gone).string();
+        if (target.starts_with("/memfd:zelkernel-stats"))
+            found.push_back(entry.path());
+    }
+    return found;
+}
+
+const zel_statistics* map_read_only(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    void* map = mmap(nullptr, sizeof(zel_statistics), PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    return map == MAP_FAILED ? nullptr : static_cast<const zel_statistics*>(map);
+}
+
+const zel_statistics_device* find_device(const zel_statistics& statistics, uint32_t family,
+                                         int32_t index) {
+    for (const zel_statistics_device& device : statistics.devices) {
+        if (device.family == family && device.index == index)
+            return &device;
+    }
+    return nullptr;
+}
+
+zel_word_t word_of(void (*function)(zel_word_t, zel_word_t, zel_word_t)) {
+    return reinterpret_cast<zel_word_t>(function);
+}
+
+TEST(Statistics, AreNotPublishedUnlessAskedFor) {
+    if (!enter_private_namespaces())
+        GTEST_SKIP() << "no right to make namespaces";
+    unsetenv("ZELKERNEL_STATS");
+    zel_kernel_init(priorities, 1000, 0, nullptr, nullptr);
+    EXPECT_TRUE(statistics_files().empty());
+}
+
+TEST(Statistics, CountWhatHappens) {
+    if (!enter_private_namespaces())
+        GTEST_SKIP() << "no right to make namespaces";
+    setenv("ZELKERNEL_STATS", "1", 1);
+    zel_kernel_init(priorities, 5000, 0, nullptr, nullptr);
+    const auto files = statistics_files();
+    ASSERT_EQ(files.size(), 1u);
+    const zel_statistics* counters = map_read_only(files.front());
+    ASSERT_NE(counters, nullptr);
+    EXPECT_EQ(counters->magic, ZEL_STATISTICS_MAGIC);
+    EXPECT_EQ(counters->version, ZEL_STATISTICS_VERSION);
+    EXPECT_EQ(counters->priorities[8], kernel_priorities.linux_base_priority);
+    EXPECT_EQ(counters->tick_period_ns, 5'000'000u);
+    ASSERT_TRUE(eventually([&] { return counters->ticks >= 20; }));
+    const std::span classes{counters->lateness};
+    EXPECT_GE(std::accumulate(classes.begin(), classes.end(), 0u), 20u);
+
+    // A level that the application sets keeps passes from beginning, so that calls add up.
+    KCallLevel = 1;
+    for (int i = 0; i < 1030; ++i)
+        kcall_enqueue(word_of(Empty), 0, 0, 0);
+    KCallLevel = 0;
+    ASSERT_TRUE(eventually([&] { return counters->calls_run == 1023; }));
+    EXPECT_EQ(counters->calls_dropped, 7u);
+    EXPECT_EQ(counters->calls_high_water, 1023u);
+
+    Linux::LinuxInterruptMgr manager;
+    for (const unsigned vector : {5u, 9u}) {
+        Linux::LinuxInterruptSource* source = manager.get(vector);
+        struct : Drivers::Api::InterruptProcessing::InterruptServiceRoutine {
+            void isr() override {}
+        } static routine;
+        source->connect(&routine);
+        source->enable();
+    }
+    for (const int vector : {9, 5, 9})
+        zel_simulated_raise(vector);
+    ASSERT_TRUE(eventually(
+        [&] { return counters->vectors[0].interrupts + counters->vectors[1].interrupts == 3; }));
+    EXPECT_EQ(counters->vectors[0].vector, 9u);
+    EXPECT_EQ(counters->vectors[0].interrupts, 2u);
+    EXPECT_EQ(counters->vectors[1].vector, 5u);
+
+    if (access("/dev/net/tun", R_OK | W_OK) != 0)
+        GTEST_SKIP() << "no TUN driver: devices are not looked at";
+    zel_vrf_create(nullptr, 0, "counted");
+    zel_tun_ipv4_create(nullptr, 0, "counted", 3);
+    const zel_statistics_device* device = find_device(*counters, 4, 3);
+    ASSERT_NE(device, nullptr);
+    const char packet[20]{0x45};
+    zel_tun_ipv4_packet_send(3, packet, sizeof packet);
+    zel_tun_ipv6_packet_send(3, packet, sizeof packet);
+    EXPECT_EQ(device->sent_packets, 1u);
+    EXPECT_EQ(device->sent_bytes, 20u);
+
+    // Not where zelkernel-top would have to be run by the emulator, too.
+    if (!running_under_user_emulation()) {
+        const std::string picture =
+            shell(ZEL_TOP " --count 1 " + std::to_string(getpid()) + " 2>&1");
+        for (const char* expected : {"KCall", "InterruptThread", "vector 9", "tun4_3", "dropped 7"})
+            EXPECT_THAT(picture, HasSubstr(expected));
+    }
+
+    zel_tun_ipv4_destroy(nullptr, 0, "counted", 3);
+    EXPECT_EQ(find_device(*counters, 4, 3), nullptr);
+    zel_vrf_destroy(nullptr, 0, "counted");
+}
+
+} // namespace
