@@ -6,7 +6,7 @@ set(CMAKE_SYSTEM_PROCESSOR armv7-a)
 set(CMAKE_C_COMPILER arm-linux-gnueabi-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabi-g++)
 set(CMAKE_C_FLAGS_INIT "-mcpu=cortex-a9 -mfloat-abi=soft")
-set(CMAKE_CXX_FLAGS_INIT "-mcpu=cortex-a9 -mfloat-abi=soft")
+set(CMAKE_CXX_FLAGS_INIT "-mcpu=cortex-a9 -mfloat-abi=soft -Wno-psabi")
 
 # The cross compiler's own tree holds the target's C and C++ libraries. Without ONLY, a host header
 # or library would be found first.
