@@ -36,10 +36,10 @@ ZEL_EXPORT void zel_vrf_create(char* output, size_t output_size, const char* nam
  * the life of the process. */
 ZEL_EXPORT void zel_vrf_destroy(char* output, size_t output_size, const char* name);
 
-/* Appends or removes a static route of the instance: `destination`/`prefix_length`, both in network
- * byte order, through a gateway (null: none), a TUN device of the instance by its index (null:
- * none), or both. The prefix length is not checked; the ip tool's answer lands in `output`. The
- * fifth and the ninth argument are ignored. No lock is taken. */
+/* Appends or removes a static route of the instance to `destination`/`prefix_length` through a
+ * gateway (null: none), a TUN device of the instance by its index (null: none), or both. Addresses
+ * are in network byte order, the prefix length is a plain number and not checked; the ip tool's
+ * answer lands in `output`. The fifth and the ninth argument are ignored. No lock is taken. */
 ZEL_EXPORT void zel_ipv4_route_add(char* output, size_t output_size, const char* name,
                                    const struct in_addr* destination, uint32_t ignored,
                                    uint32_t prefix_length, const int32_t* interface_index,
