@@ -1,4 +1,5 @@
 #include "support/capture.hpp"
+#include "support/emulation.hpp"
 #include "support/interpose.hpp"
 #include "support/kernel_thread.hpp"
 #include "support/manual_tick.hpp"
@@ -165,11 +166,12 @@ TEST_F(Source, StopsTheProcessWhenThePlatformRefuses) {
         errno = EBUSY;
         return nullptr;
     };
-    EXPECT_EXIT(on_kernel_thread([&] { source->connect(&routine); }),
-                testing::KilledBySignal(SIGABRT),
-                "^LinuxInterruptSource::connect::InterruptAttachEvent : Device or resource busy\n"
-                "src/LinuxInterruptSource:121 LinuxInterruptSource::connect::InterruptAttachEvent "
-                "\n$");
+    EXPECT_EXIT(
+        on_kernel_thread([&] { source->connect(&routine); }), testing::KilledBySignal(SIGABRT),
+        prints_only(
+            "LinuxInterruptSource::connect::InterruptAttachEvent : Device or resource busy\n"
+            "src/LinuxInterruptSource:121 "
+            "LinuxInterruptSource::connect::InterruptAttachEvent \n"));
     delete source;
 }
 
@@ -192,6 +194,7 @@ struct Manager : testing::Test {
 
 TEST_F(Manager, StartsOneThreadAndHandsOutOneSourceForEachVector) {
     EXPECT_EQ(interruptChannelId, -1);
+    const int threads = number_of_threads();
     const Linux::LinuxInterruptMgr manager;
     EXPECT_EQ(interruptChannelId, 0);
     const ThreadInfo info = thread_named("InterruptThread");
@@ -207,7 +210,7 @@ TEST_F(Manager, StartsOneThreadAndHandsOutOneSourceForEachVector) {
 
     Linux::LinuxInterruptMgr second;
     EXPECT_EQ(second.getPthreadId(), ids[0]);
-    EXPECT_EQ(number_of_threads(), 2);
+    EXPECT_EQ(number_of_threads(), threads + 1);
     EXPECT_EQ(zel_get_interrupt_mgr(), nullptr);
 
     EXPECT_EQ(manager.getNumberOfVectors(), 0u);
@@ -225,8 +228,9 @@ TEST_F(Manager, StartsOneThreadAndHandsOutOneSourceForEachVector) {
 TEST_F(Manager, StopsTheProcessWhenItsThreadCannotBeMade) {
     kernel_priorities.interrupt_thread_priority = 100;
     EXPECT_EXIT(Linux::LinuxInterruptMgr{}, testing::KilledBySignal(SIGABRT),
-                "^LinuxInterruptMgr::initialize: Invalid argument\n"
-                "src/LinuxInterruptMgr:[0-9]+ Could not create the interrupt thread\\.\n$");
+                prints_only("LinuxInterruptMgr::initialize: Invalid argument\n"
+                            "src/LinuxInterruptMgr:[0-9]+ Could not create the interrupt "
+                            "thread\\.\n"));
 }
 
 // From the pulse through the service routine to the deferred routine, each in its own thread.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <string>
 
 namespace zel::test {
 
@@ -9,6 +10,12 @@ namespace zel::test {
 // it runs on the emulated board (scripts/board), which has a kernel of its own.
 inline bool running_under_user_emulation() {
     return std::getenv("ZEL_USER_EMULATION") != nullptr;
+}
+
+// For EXPECT_EXIT of a process that is aborted: it printed `lines` and nothing else. The emulator
+// adds a line of its own.
+inline std::string prints_only(const std::string& lines) {
+    return "^" + lines + "(qemu: [^\n]*\n)?$";
 }
 
 } // namespace zel::test
