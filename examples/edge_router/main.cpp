@@ -66,12 +66,13 @@ void start_kernel() {
 
 // Returns false when it was cut short.
 bool run(const Options& options, Checks& checks) {
-    const std::int64_t end = now_ns() + options.seconds * 1'000'000'000LL;
-    start_realtime();
-    start_network(static_cast<std::size_t>(options.megabytes) * 1'000'000, checks);
+    start_network(checks);
     if (stop_requested()) {
         return false;
     }
+    start_realtime();
+    start_network_clients(static_cast<std::size_t>(options.megabytes) * 1'000'000);
+    const std::int64_t end = now_ns() + options.seconds * 1'000'000'000LL;
     show_threads(checks);
     std::printf("\nRunning for %ld s ...\n", options.seconds);
     while (now_ns() < end || !network_finished()) {
@@ -93,7 +94,9 @@ int main(int argc, char* argv[]) {
 
     Checks checks;
     const bool complete = run(options, checks);
-    finish_realtime(checks);
+    if (complete) {
+        finish_realtime(checks);
+    }
     finish_network(checks);
     // The library's threads, lwIP's and ours still run: the process may end at any moment.
     if (!complete) {

@@ -10,7 +10,7 @@
 
 #include <unistd.h>
 
-void start_network(std::size_t bytes_to_fetch, Checks& checks) {
+void start_network(Checks& checks) {
     start_ip_stack();
     bool first = true;
     for (const Instance& instance : plan::instances) {
@@ -26,6 +26,9 @@ void start_network(std::size_t bytes_to_fetch, Checks& checks) {
         }
         first = false;
     }
+}
+
+void start_network_clients(std::size_t bytes_to_fetch) {
     start_clients(bytes_to_fetch);
 }
 

@@ -3,9 +3,11 @@
 
 #include <cstdio>
 
-void start_network(std::size_t, Checks&) {
+void start_network(Checks&) {
     std::printf("Built without an IP stack: nothing of the network is shown.\n");
 }
+
+void start_network_clients(std::size_t) {}
 
 bool network_finished() {
     return true;

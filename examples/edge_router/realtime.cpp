@@ -38,10 +38,11 @@ struct Tick {
 // --- Kernel calls
 // ---------------------------------------------------------------------------------
 
-// A thread that queues a kernel call every millisecond and never has more than `most_pending` of
-// them pending: a full queue would drop them.
+// A thread that queues a kernel call every few milliseconds and never has more than `most_pending`
+// of them pending: a full queue would drop them.
 struct Caller {
     static constexpr unsigned most_pending = 100;
+    static constexpr unsigned period_us = 5000;
 
     sem_t room;
     Count queued{0};
@@ -66,7 +67,7 @@ void* call_the_kernel(void* argument) {
         const std::uint32_t sequence = caller.queued++;
         kcall_enqueue(reinterpret_cast<zel_word_t>(&kernel_call),
                       reinterpret_cast<zel_word_t>(&caller), sequence, 0);
-        usleep(1000);
+        usleep(Caller::period_us);
     }
     --still_running;
     return nullptr;
