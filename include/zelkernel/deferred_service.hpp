@@ -9,6 +9,7 @@ namespace Drivers::Api::InterruptProcessing {
 // application's own framework serves as well when dsr() is in its first slot.
 class ZEL_EXPORT DeferredServiceRoutine {
 public:
+    // Runs in the kernel-call thread, once for each deferral; now() runs it in its caller.
     virtual void dsr() = 0;
 
 protected:
@@ -41,6 +42,7 @@ public:
 
     virtual ~LinuxDeferredServiceController();
 
+    // What getInstance() gives; null before its first call.
     static LinuxDeferredServiceController* instance;
 };
 

@@ -15,6 +15,7 @@ namespace Drivers::Api::InterruptProcessing {
 // What a driver implements. isr() runs in the interrupt thread and should be short.
 class ZEL_EXPORT InterruptServiceRoutine {
 public:
+    // Serves one interrupt.
     virtual void isr() = 0;
 
 protected:
@@ -29,6 +30,8 @@ namespace Linux {
 class ZEL_EXPORT DefaultIsr : public Drivers::Api::InterruptProcessing::InterruptServiceRoutine {
 public:
     explicit DefaultIsr(int interruptVector);
+
+    // Counts one more.
     void isr() override;
     virtual ~DefaultIsr();
 
@@ -39,6 +42,7 @@ private:
     std::uint32_t count = 0;
 };
 
+// The source of one vector, with the routine that serves it.
 class ZEL_EXPORT LinuxInterruptSource {
 public:
     // Not attached to the platform and served by a DefaultIsr of its own. Sources come from
@@ -57,6 +61,7 @@ public:
     // Detaches the source and puts the default routine back; the argument is ignored.
     virtual void disconnect(Drivers::Api::InterruptProcessing::InterruptServiceRoutine* routine);
 
+    // Let the platform's interrupts of this vector through, or hold them back.
     virtual void enable();
     virtual void disable();
 

@@ -27,6 +27,7 @@ ZEL_BEGIN_DECLS
 ZEL_EXPORT extern uint8_t posix_locks_enabled; /* 1 at load; 0 while the switch is off */
 ZEL_EXPORT extern int32_t num_semaphores;      /* 0; the library never changes it */
 
+/* Set the switch. No lock; at once for calls that begin afterwards. */
 ZEL_EXPORT void zel_enable_posix_locks(void);
 ZEL_EXPORT void zel_disable_posix_locks(void);
 
