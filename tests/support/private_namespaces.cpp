@@ -1,5 +1,7 @@
 #include "private_namespaces.hpp"
 
+#include <zelkernel/system.h>
+
 #include <fcntl.h>
 #include <fstream>
 #include <sched.h>
@@ -38,6 +40,12 @@ int socket_in_namespace(const std::string& name, int family, int type) {
         close(fd);
     }}.join();
     return result;
+}
+
+std::string shell(const std::string& command) {
+    char text[8192];
+    zel_run_command((command + " 2>&1").c_str(), text, sizeof text);
+    return text;
 }
 
 } // namespace zel::test

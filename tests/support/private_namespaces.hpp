@@ -13,4 +13,7 @@ bool enter_private_namespaces();
 // A socket that lives in the named namespace; -1 with errno on failure.
 int socket_in_namespace(const std::string& name, int family, int type);
 
+// What a command prints, errors included.
+std::string shell(const std::string& command);
+
 } // namespace zel::test

@@ -1,0 +1,203 @@
+#include "support/capture.hpp"
+#include "support/commands.hpp"
+#include "support/private_namespaces.hpp"
+
+#include <zelkernel/routing.h>
+#include <zelkernel/tun.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstring>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using zel::test::printed_on;
+using zel::test::record_commands;
+using zel::test::shell;
+using zel::test::Strings;
+
+namespace {
+
+char text[4096] = "old";
+constexpr size_t size = sizeof text;
+
+template<int family, typename Address>
+Address address(const char* host) {
+    Address result{};
+    inet_pton(family, host, &result);
+    return result;
+}
+constexpr auto ipv4 = address<AF_INET, in_addr>;
+constexpr auto ipv6 = address<AF_INET6, in6_addr>;
+
+const in_addr host4 = ipv4("10.1.2.3"), net4 = ipv4("10.1.0.0"), gate4 = ipv4("10.1.0.1"), any4{};
+const in6_addr host6 = ipv6("2001:db8::1"), net6 = ipv6("2001:db8::"), local6 = ipv6("fe80::1");
+const int32_t three = 3, minus_one = -1;
+
+const struct {
+    void (*run)();
+    const char* command; // after `ip netns exec "red" ip `, without ` 2>&1`
+} single_commands[] = {
+    {[] { zel_tun_ipv4_status(text, size, "red", 3, true); }, "link set dev tun4_3 up"},
+    {[] { zel_tun_ipv6_status(text, size, "red", -3, false); }, "link set dev tun6_-3 down"},
+    {[] { zel_tun_ipv4_mtu(text, size, "red", 3, 70000); }, "link set dev tun4_3 mtu 65535"},
+    {[] { zel_tun_ipv6_mtu(text, size, "red", 3, -1); }, "link set dev tun6_3 mtu -1"},
+    {[] { zel_tun_ipv4_address_add(text, size, "red", 3, &host4); },
+     "addr add 10.1.2.3 dev tun4_3 nodad"},
+    {[] { zel_tun_ipv4_address_del(text, size, "red", 3, &host4); },
+     "addr del 10.1.2.3/32 dev tun4_3 nodad"},
+    {[] { zel_tun_ipv6_address_add(text, size, "red", 3, &local6, 64, true); },
+     "addr add fe80::1 scope link dev tun6_3 nodad"},
+    {[] { zel_tun_ipv6_address_add(text, size, "red", 3, &host6, 64, false); },
+     "addr add 2001:db8::1 scope global dev tun6_3 nodad"},
+    {[] { zel_tun_ipv6_address_del(text, size, "red", 3, &host6); },
+     "addr del 2001:db8::1/128 dev tun6_3 nodad"},
+    {[] { zel_ipv4_route_add(text, size, "red", &net4, 7, 16, &three, &gate4, 9); },
+     "route append 10.1.0.0/16 via 10.1.0.1 dev tun4_3 protocol static"},
+    {[] { zel_ipv4_route_del(text, size, "red", &any4, 7, 0, nullptr, nullptr, 9); },
+     "route del 0.0.0.0/0 protocol static"},
+    {[] { zel_ipv6_route_add(text, size, "red", &net6, 7, 4294967295, &minus_one, nullptr, 9); },
+     "route append 2001:db8::/4294967295 dev tun6_-1 protocol static"},
+    {[] { zel_ipv6_route_del(text, size, "red", &net6, 7, 32, nullptr, &local6, 9); },
+     "route del 2001:db8::/32 via fe80::1 protocol static"},
+    {[] { zel_ipv4_external_route_add(text, size, "red", 3, &host4); },
+     "route append 10.1.2.3 dev tun4_3 table external"},
+    {[] { zel_ipv4_external_route_del(text, size, "red", 3, &host4); },
+     "route del 10.1.2.3 dev tun4_3 table external"},
+    {[] { zel_ipv6_external_route_add(text, size, "red", 1, &host6); },
+     "route append 2001:db8::1 dev tun6_1 table external"},
+    {[] { zel_ipv6_external_route_del(text, size, "red", 1, &host6); },
+     "route del 2001:db8::1 dev tun6_1 table external"},
+};
+
+TEST(Routing, OperationsOfOneCommandWriteItAsTheToolReadsIt) {
+    auto& commands = record_commands(true);
+    int count = 0;
+    for (const auto& each : single_commands) {
+        each.run();
+        EXPECT_EQ(text, "<" + std::to_string(++count) + ">") << each.command;
+        EXPECT_THAT(commands.take(),
+                    ElementsAre("ip netns exec \"red\" ip " + std::string{each.command} + " 2>&1"));
+    }
+}
+
+Strings operator+(Strings a, const Strings& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+Strings policy_of(const std::string& name) {
+    Strings commands;
+    for (const char* ip : {"ip", "ip -6"})
+        for (const char* rule :
+             {"add fwmark 100 pref 100 table external", "del pref 0", "add pref 110 table local"})
+            commands.push_back("ip netns exec \"" + name + "\" " + ip + " rule " + rule + " 2>&1");
+    return commands;
+}
+
+Strings marking(const std::string& name, const std::string& rule) {
+    Strings commands;
+    for (const char* tool : {"iptables", "ip6tables"})
+        commands.push_back("ip netns exec \"" + name + "\" " + tool + " -t mangle " + rule +
+                           " -j MARK --set-mark 100 2>&1");
+    return commands;
+}
+
+TEST(Routing, CriteriaReachEveryInstanceInOrderOfNamesAndNewOnesInOrderOfAddition) {
+    auto& commands = record_commands(true);
+    const auto add = zel_external_traffic_match_criteria_add;
+    const auto del = zel_external_traffic_match_criteria_del;
+    const std::string dns = " OUTPUT -p 17 --dport 53", bgp = " OUTPUT -p 6 --sport 179";
+    add(text, size, 17, 0, 53);
+    add(text, size, 6, 179, 0);
+    add(text, size, 17, 0, 53);
+    EXPECT_THAT(commands.take(), ElementsAre());
+    EXPECT_STREQ(text, "");
+    zel_vrf_create(text, size, "red");
+    EXPECT_EQ(commands.take(), Strings{"ip netns add \"red\" 2>&1"} + marking("red", "-A" + dns) +
+                                   marking("red", "-A" + bgp) + marking("red", "-A" + dns) +
+                                   policy_of("red"));
+    EXPECT_STREQ(text, "<1><2><3><4><5><6><7><8><9><10><11><12><13>");
+    del(text, size, 17, 0, 53); // the first of two equal ones
+    EXPECT_EQ(commands.take(), marking("red", "-D" + dns));
+    zel_vrf_create(text, size, "blue");
+    EXPECT_EQ(commands.take(), Strings{"ip netns add \"blue\" 2>&1"} + marking("blue", "-A" + bgp) +
+                                   marking("blue", "-A" + dns) + policy_of("blue"));
+    add(text, size, 1, -2, 3);
+    EXPECT_EQ(commands.take(), marking("blue", "-A OUTPUT -p 1 --sport -2 --dport 3") +
+                                   marking("red", "-A OUTPUT -p 1 --sport -2 --dport 3"));
+    EXPECT_STREQ(text, "<27><28><29><30>");
+    del(nullptr, 0, 99, 0, 0); // never added
+    EXPECT_EQ(commands.take(),
+              marking("blue", "-D OUTPUT -p 99") + marking("red", "-D OUTPUT -p 99"));
+    zel_vrf_destroy(text, size, "red");
+    add(text, size, 99, 0, 0);
+    EXPECT_EQ(commands.take(),
+              Strings{"ip netns del \"red\" 2>&1"} + marking("blue", "-A OUTPUT -p 99"));
+}
+
+TEST(Routing, TextIsCutToTheBufferAndEveryCommandStillRuns) {
+    auto& commands = record_commands(true);
+    for (const size_t room : {1u, 2u, 5u, 6u, 7u, 21u}) {
+        std::memset(text, '#', size);
+        zel_vrf_create(text, room, "red");
+        EXPECT_EQ(std::strlen(text), room - 1);
+        EXPECT_EQ(text[room], '#');
+        EXPECT_EQ(commands.take().size(), 7u);
+    }
+}
+
+TEST(Routing, EachCriterionReachesEachInstanceOnceWhenBothComeAtTheSameTime) {
+    auto& recorder = record_commands(true);
+    constexpr int count = 20;
+    std::thread instances{[] {
+        for (int i = 0; i < count; ++i)
+            zel_vrf_create(nullptr, 0, std::to_string(i).c_str());
+    }};
+    for (int i = 0; i < count; ++i)
+        zel_external_traffic_match_criteria_add(nullptr, 0, i + 1, 0, 0);
+    instances.join();
+    Strings commands = recorder.take();
+    std::erase_if(commands, [](auto& each) { return each.find("mangle") == std::string::npos; });
+    EXPECT_EQ(commands.size(), 2u * count * count);
+    EXPECT_EQ(std::set(commands.begin(), commands.end()).size(), commands.size());
+}
+
+TEST(Routing, InstancesGetTheirPolicyAndStartUpRemovesThem) {
+    if (!zel::test::enter_private_namespaces())
+        GTEST_SKIP() << "namespaces need root: " << strerror(errno);
+    zel_external_traffic_match_criteria_add(text, size, 17, 0, 53);
+    for (const char* name : {"red", "blue"}) {
+        zel_vrf_create(text, size, name);
+        EXPECT_STREQ(text, "");
+        const auto inside = "ip netns exec " + std::string{name};
+        for (const char* ip : {" ip", " ip -6"})
+            EXPECT_THAT(shell(inside + ip + " rule"),
+                        testing::ContainsRegex(
+                            "^100:\tfrom all fwmark 0x64 lookup external *\n"
+                            "110:\tfrom all lookup local *\n32766:\tfrom all lookup main *\n"));
+        EXPECT_THAT(shell(inside + " ip6tables -t mangle -S OUTPUT"),
+                    HasSubstr("-A OUTPUT -p udp -m udp --dport 53 -j MARK --set-xmark 0x64/"));
+    }
+    zel_vrf_create(text, size, "red");
+    EXPECT_THAT(text, HasSubstr("Cannot create namespace file"));
+    EXPECT_THAT(text, HasSubstr("RTNETLINK answers: File exists"));
+
+    std::ofstream{"/run/netns/.hidden"};
+    auto& commands = record_commands(false);
+    const auto printed = printed_on(1, remove_all_network_namespaces);
+    EXPECT_THAT(commands.take(),
+                testing::UnorderedElementsAre("ip netns del \"red\"", "ip netns del \"blue\""));
+    EXPECT_THAT(printed, HasSubstr("Removing network namespace \"red\"\r\n"));
+    EXPECT_THAT(printed, HasSubstr("Removing network namespace \"blue\"\r\n"));
+    EXPECT_EQ(shell("ls -A /run/netns"), ".hidden\n");
+    shell("rm -r /run/netns");
+    EXPECT_EQ(printed_on(1, remove_all_network_namespaces), "");
+}
+
+} // namespace
