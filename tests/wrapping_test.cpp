@@ -1,18 +1,23 @@
 // Linked as an application is: what it calls by the system's names lands in the library.
 #include "support/capture.hpp"
+#include "support/emulation.hpp"
 
+#include <zelkernel/interrupt_manager.hpp>
 #include <zelkernel/kernel.h>
 #include <zelkernel/locks.h>
 
 #include <cerrno>
+#include <csignal>
 #include <dlfcn.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
 using zel::test::printed_on;
+using zel::test::prints_only;
 
 TEST(Wrapping, EveryListedFunctionIsDefined) {
     std::ifstream list(ZEL_WRAPPED_FUNCTIONS_FILE);
@@ -101,6 +106,19 @@ TEST(Wrapping, LandsInTheLibrary) {
     EXPECT_EQ(line, "__w_pthread_create; posix locks are disabled: Operation not permitted\n");
     EXPECT_EQ(thread, 0u);
     zel_enable_posix_locks();
+}
+
+TEST(Platform, IsNamedWhenItIsMissingAndNeeded) {
+    kernel_priorities.interrupt_thread_priority = 5;
+    const auto serve = [] {
+        Linux::LinuxInterruptMgr manager;
+        pause();
+    };
+    EXPECT_EXIT(
+        serve(), testing::KilledBySignal(SIGABRT),
+        prints_only("src/InterruptPlatform:[0-9]+ openLinuxInterruptPulseFd is missing: [^\n]*\n"));
+    // Nothing is attached, nothing can come: no need to stop.
+    Linux::LinuxInterruptSource{0, 5, 0, 1, true}.disable();
 }
 
 } // namespace
