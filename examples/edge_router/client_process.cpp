@@ -10,8 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace {
 
 // Guards `running` and the reaping, so that no signal goes to a process id that has been reused.
@@ -51,6 +49,7 @@ public:
 
 pid_t spawn(std::vector<std::string> words, int output) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

@@ -100,7 +100,7 @@ int main(int argc, char* argv[]) {
     finish_network(checks);
     // The library's threads, lwIP's and ours still run: the process may end at any moment.
     if (!complete) {
-        std::printf("\nInterrupted. Nothing is left behind.\n");
+        std::printf("\nInterrupted: clients ended, devices and instances taken down.\n");
         return 130;
     }
     return checks.print_summary() ? 0 : 1;

@@ -83,10 +83,10 @@ struct Device {
     static constexpr int vector = 7;
     static constexpr std::uint32_t most_pending = 256;
 
-    struct : Drivers::Api::InterruptProcessing::InterruptServiceRoutine {
+    struct ServiceRoutine final : Drivers::Api::InterruptProcessing::InterruptServiceRoutine {
         void isr() override;
     } service_routine;
-    struct : Drivers::Api::InterruptProcessing::DeferredServiceRoutine {
+    struct DeferredRoutine final : Drivers::Api::InterruptProcessing::DeferredServiceRoutine {
         void dsr() override;
     } deferred_routine;
 
@@ -109,7 +109,7 @@ struct State {
 };
 State& state = *new State;
 
-void decltype(Device::service_routine)::isr() {
+void Device::ServiceRoutine::isr() {
     Device& device = state.device;
     const std::uint32_t slot = device.served % Device::most_pending;
     const std::int64_t now = now_ns();
@@ -120,7 +120,7 @@ void decltype(Device::service_routine)::isr() {
         &device.deferred_routine);
 }
 
-void decltype(Device::deferred_routine)::dsr() {
+void Device::DeferredRoutine::dsr() {
     Device& device = state.device;
     const std::uint32_t slot = device.deferred_run % Device::most_pending;
     device.to_deferred.record(now_ns() - device.deferred_at[slot]);

@@ -63,6 +63,10 @@ struct Controller {
     void makeDeliverable(int vector);
     void withdraw(int vector);
     void* takeDeliverable();
+
+    // After makeDeliverable and without the lock: the interrupt thread preempts whoever wakes it
+    // and would then wait for the lock at once.
+    void permit() const;
 };
 
 // Built on first use and never destroyed: the process may exit while the interrupt thread waits.
@@ -82,6 +86,9 @@ Line* Controller::find(int vector) {
 
 void Controller::makeDeliverable(int vector) {
     deliverable.push_back(vector); // attaching has made room for every line
+}
+
+void Controller::permit() const {
     eventfd_write(tokens, 1);
 }
 
@@ -158,15 +165,20 @@ ZEL_EXPORT int detachLinuxInterruptSource(int vector) {
 
 ZEL_EXPORT int enableLinuxInterruptSource(int vector) {
     Controller& platform = controller();
-    const Guard guard(platform.mutex);
-    Line* line = platform.find(vector);
-    if (line == nullptr) {
-        return -1;
-    }
-    if (line->masked && line->held > 0) {
+    {
+        const Guard guard(platform.mutex);
+        Line* line = platform.find(vector);
+        if (line == nullptr) {
+            return -1;
+        }
+        const bool becomesDeliverable = line->masked && line->held > 0;
+        line->masked = false;
+        if (!becomesDeliverable) {
+            return 0;
+        }
         platform.makeDeliverable(vector);
     }
-    line->masked = false;
+    platform.permit();
     return 0;
 }
 
@@ -184,13 +196,17 @@ ZEL_EXPORT int disableLinuxInterruptSource(int vector) {
 
 ZEL_EXPORT int zel_simulated_raise(int vector) {
     Controller& platform = controller();
-    const Guard guard(platform.mutex);
-    Line* line = platform.find(vector);
-    if (line == nullptr) {
-        return -1;
-    }
-    if (line->held++ == 0 && !line->masked) {
+    {
+        const Guard guard(platform.mutex);
+        Line* line = platform.find(vector);
+        if (line == nullptr) {
+            return -1;
+        }
+        if (line->held++ != 0 || line->masked) {
+            return 0;
+        }
         platform.makeDeliverable(vector);
     }
+    platform.permit();
     return 0;
 }
