@@ -29,7 +29,7 @@ bool attach_to_device(int fd, const std::string& device) {
 
 // Null, with the reason in `output`, when the device cannot be opened.
 SharedTunDescriptor open_device(OutputText& output, const std::string& device) {
-    auto descriptor = std::make_shared<TunDescriptor>();
+    auto descriptor = SharedTunDescriptor::make();
     if (!descriptor->open()) {
         output.append("Unable to open %s.\r\n", tun_driver);
         return nullptr;
@@ -129,7 +129,7 @@ void zel_tun_destroy(char* output, const char* name, int index, int family) {
             state->pending_tun_deletes.splice(state->pending_tun_deletes.end(), deletion);
             state->changed();
         }
-        descriptor.reset();
+        descriptor = nullptr;
         wakeup_zel_tun_packet_receive();
     });
 }
