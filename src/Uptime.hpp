@@ -1,6 +1,6 @@
 // Time arithmetic between the system's monotonic clock and the kernel's, which starts at
 // zel_kernel_init. The target has no division instruction and applications read the clock all the
-// time, so divisions are kept for values that are not normalised.
+// time, so nothing here divides.
 #pragma once
 
 #include <zelkernel/kernel.h>
@@ -19,9 +19,18 @@ inline bool starttime_is_split() {
            static_cast<int64_t>(starttime.tv_sec) * nanoseconds_per_second + starttime.tv_nsec;
 }
 
+// Quotient and remainder, bit by bit: the target's division routine would take no less.
 inline void split_nanoseconds(uint64_t ns, timespec& to) {
-    to.tv_sec = static_cast<time_t>(ns / nanoseconds_per_second);
-    to.tv_nsec = static_cast<long>(ns % nanoseconds_per_second);
+    uint64_t seconds = 0;
+    for (int bit = 34; bit >= 0; --bit) {
+        const uint64_t share = uint64_t{nanoseconds_per_second} << bit;
+        if (ns < share)
+            continue;
+        ns -= share;
+        seconds |= uint64_t{1} << bit;
+    }
+    to.tv_sec = static_cast<time_t>(seconds);
+    to.tv_nsec = static_cast<long>(ns);
 }
 
 // CLOCK_MONOTONIC less the start time.
