@@ -24,6 +24,11 @@ void Checks::merge(Checks& others) {
     others.checks_.clear();
 }
 
+bool Checks::all_held() const {
+    return std::all_of(checks_.begin(), checks_.end(),
+                       [](const Check& check) { return check.held; });
+}
+
 bool Checks::print_summary() const {
     std::printf("\nSummary\n");
     for (const Check& check : checks_) {

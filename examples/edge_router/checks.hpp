@@ -13,6 +13,8 @@ public:
     void expect(bool held, std::string what);
     void merge(Checks& others);
 
+    bool all_held() const;
+
     // One line a check, and one for all. Returns whether every check held.
     bool print_summary() const;
 

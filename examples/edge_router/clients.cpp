@@ -6,17 +6,14 @@
 #include "lateness.hpp"
 #include "network_plan.hpp"
 #include "priorities.hpp"
+#include "sockets.hpp"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
 #include <atomic>
 #include <cinttypes>
 #include <cstdlib>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <pthread.h>
-#include <sched.h>
 #include <span>
 #include <string>
 #include <sys/socket.h>
@@ -104,55 +101,15 @@ void fetch(Client& client, const char* host, const char* local_port) {
 // --- UDP queries
 // ----------------------------------------------------------------------------------
 
-// A socket lives in the namespace that its maker was in. Only the calling thread goes there.
-int socket_in(const char* instance, int family) {
-    const std::string path = std::string("/run/netns/") + instance;
-    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int there = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    int made = -1;
-    if (setns(there, CLONE_NEWNET) == 0) {
-        made = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (setns(home, CLONE_NEWNET) != 0) {
-            std::abort(); // from here on, every socket would be in the wrong place
-        }
-    }
-    close(there);
-    close(home);
-    return made;
-}
-
-struct Address {
-    sockaddr_storage storage{};
-    socklen_t length = 0;
-};
-
-Address address_of(int family, const char* host, int port) {
-    Address address;
-    if (family == AF_INET) {
-        auto& v4 = reinterpret_cast<sockaddr_in&>(address.storage);
-        v4.sin_family = AF_INET;
-        v4.sin_port = htons(static_cast<std::uint16_t>(port));
-        inet_pton(AF_INET, host, &v4.sin_addr);
-        address.length = sizeof v4;
-    } else {
-        auto& v6 = reinterpret_cast<sockaddr_in6&>(address.storage);
-        v6.sin6_family = AF_INET6;
-        v6.sin6_port = htons(static_cast<std::uint16_t>(port));
-        inet_pton(AF_INET6, host, &v6.sin6_addr);
-        address.length = sizeof v6;
-    }
-    return address;
-}
-
 // The answer, which names the interface that the query came in through; empty when none comes.
 std::string query(const char* instance, int family, const char* host, int port) {
-    const int udp = socket_in(instance, family);
+    const int udp = datagram_socket_in(instance, family);
     const timeval patience{.tv_sec = 2, .tv_usec = 0};
     setsockopt(udp, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    const Address to = address_of(family, host, port);
+    const SocketAddress to = address_of(family, host, port);
     std::string answer;
     for (int attempt = 0; attempt < 5 && answer.empty() && !clients_stopped(); ++attempt) {
-        sendto(udp, "who?", 4, 0, reinterpret_cast<const sockaddr*>(&to.storage), to.length);
+        sendto(udp, "who?", 4, 0, to.get(), to.length);
         char reply[64];
         const ssize_t length = recv(udp, reply, sizeof reply, 0);
         answer.assign(reply, length > 0 ? static_cast<std::size_t>(length) : 0);

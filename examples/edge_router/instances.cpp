@@ -1,9 +1,10 @@
 #include "instances.hpp"
 
+#include "command_report.hpp"
+
 #include <arpa/inet.h>
 #include <cstdint>
 #include <cstdio>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <zelkernel/routing.h>
@@ -24,72 +25,41 @@ in6_addr ipv6(const char* address) {
     return binary;
 }
 
-// Collects what the commands of several operations print. Used for one operation at a time:
-//     zel_vrf_create(report.next(), report.size, name);
-class Report {
-public:
-    static constexpr std::size_t size = 1024;
-
-    char* next() {
-        collect();
-        return output_;
-    }
-    const std::string& all() {
-        collect();
-        return text_;
-    }
-
-private:
-    // Without the tools' warnings. One always comes: the library asks for no duplicate address
-    // detection with IPv4 addresses too, where there is none.
-    void collect() {
-        std::istringstream lines(output_);
-        for (std::string line; std::getline(lines, line);) {
-            if (line.rfind("Warning: ", 0) != 0) {
-                text_ += line + '\n';
-            }
-        }
-        output_[0] = '\0';
-    }
-
-    char output_[size] = "";
-    std::string text_;
-};
-
-void check(Checks& checks, const std::string& what, Report& report) {
+void check(Checks& checks, const std::string& what, CommandReport& report) {
     std::fputs(report.all().c_str(), stderr);
     checks.expect(report.all().empty(), what + " without a complaint of the commands");
 }
 
-void create_devices(const char* instance, const Interface& interface, Report& report) {
+void create_devices(const char* instance, const Interface& interface, CommandReport& report) {
     const int index = interface.index;
-    zel_tun_ipv4_create(report.next(), report.size, instance, index);
-    zel_tun_ipv4_mtu(report.next(), report.size, instance, index, plan::mtu);
-    zel_tun_ipv4_status(report.next(), report.size, instance, index, true);
-    zel_tun_ipv6_create(report.next(), report.size, instance, index);
-    zel_tun_ipv6_mtu(report.next(), report.size, instance, index, plan::mtu);
-    zel_tun_ipv6_status(report.next(), report.size, instance, index, true);
+    zel_tun_ipv4_create(report.next(), CommandReport::size, instance, index);
+    zel_tun_ipv4_mtu(report.next(), CommandReport::size, instance, index, plan::mtu);
+    zel_tun_ipv4_status(report.next(), CommandReport::size, instance, index, true);
+    zel_tun_ipv6_create(report.next(), CommandReport::size, instance, index);
+    zel_tun_ipv6_mtu(report.next(), CommandReport::size, instance, index, plan::mtu);
+    zel_tun_ipv6_status(report.next(), CommandReport::size, instance, index, true);
 }
 
 // Addresses are added as host addresses: what lies behind the device is for the routes to tell.
-void add_addresses_and_routes(const char* instance, const Interface& inside, Report& report) {
+void add_addresses_and_routes(const char* instance, const Interface& inside,
+                              CommandReport& report) {
     const std::int32_t device = inside.index;
     const in_addr own4 = ipv4(plan::linux_ipv4), everything4 = ipv4("0.0.0.0");
-    zel_tun_ipv4_address_add(report.next(), report.size, instance, device, &own4);
-    zel_ipv4_route_add(report.next(), report.size, instance, &everything4, 0, 0, &device, nullptr,
-                       0);
+    zel_tun_ipv4_address_add(report.next(), CommandReport::size, instance, device, &own4);
+    zel_ipv4_route_add(report.next(), CommandReport::size, instance, &everything4, 0, 0, &device,
+                       nullptr, 0);
     const in6_addr own6 = ipv6(plan::linux_ipv6), everything6 = ipv6("::");
-    zel_tun_ipv6_address_add(report.next(), report.size, instance, device, &own6, 0, false);
-    zel_ipv6_route_add(report.next(), report.size, instance, &everything6, 0, 0, &device, nullptr,
-                       0);
+    zel_tun_ipv6_address_add(report.next(), CommandReport::size, instance, device, &own6, 0, false);
+    zel_ipv6_route_add(report.next(), CommandReport::size, instance, &everything6, 0, 0, &device,
+                       nullptr, 0);
 }
 
-void add_external_routes(const char* instance, const Interface& external, Report& report) {
+void add_external_routes(const char* instance, const Interface& external, CommandReport& report) {
     const in_addr destination4 = ipv4(plan::external_ipv4);
-    zel_ipv4_external_route_add(report.next(), report.size, instance, external.index,
+    zel_ipv4_external_route_add(report.next(), CommandReport::size, instance, external.index,
                                 &destination4);
     const in6_addr destination6 = ipv6(plan::external_ipv6);
-    zel_ipv6_external_route_add(report.next(), report.size, instance, external.index,
+    zel_ipv6_external_route_add(report.next(), CommandReport::size, instance, external.index,
                                 &destination6);
 }
 
@@ -106,8 +76,8 @@ void accept_asymmetric_paths(const char* instance) {
 } // namespace
 
 void create_instance(const Instance& instance, Checks& checks) {
-    Report report;
-    zel_vrf_create(report.next(), report.size, instance.name);
+    CommandReport report;
+    zel_vrf_create(report.next(), CommandReport::size, instance.name);
     accept_asymmetric_paths(instance.name);
     create_devices(instance.name, instance.inside, report);
     create_devices(instance.name, instance.external, report);
@@ -117,8 +87,8 @@ void create_instance(const Instance& instance, Checks& checks) {
 }
 
 void mark_external_traffic(Checks& checks) {
-    Report report;
-    zel_external_traffic_match_criteria_add(report.next(), report.size, IPPROTO_UDP, 0,
+    CommandReport report;
+    zel_external_traffic_match_criteria_add(report.next(), CommandReport::size, IPPROTO_UDP, 0,
                                             plan::external_port);
     check(checks, "external traffic: marked", report);
 }

@@ -7,6 +7,7 @@
 #include "priorities.hpp"
 #include "private_machine.hpp"
 #include "realtime.hpp"
+#include "soak.hpp"
 #include "stop_signals.hpp"
 #include "threads_view.hpp"
 
@@ -20,23 +21,34 @@ namespace {
 struct Options {
     long seconds = 8;
     long megabytes = 8;
+    double soak_minutes = 0;
 };
 
 [[noreturn]] void explain(int status) {
     std::fprintf(status == 0 ? stdout : stderr,
                  "usage: edge_router [--seconds N] [--megabytes N]\n"
+                 "       edge_router --soak MINUTES\n"
                  "  --seconds    how long to measure, at least (8)\n"
-                 "  --megabytes  how much each of the four fetches transfers (8)\n");
+                 "  --megabytes  how much each of the four fetches transfers (8)\n"
+                 "  --soak       run under a mixed load and judge what is lost or left behind\n");
     std::exit(status);
 }
 
 Options read_options(int argc, char* argv[]) {
     const option known[] = {{"seconds", required_argument, nullptr, 's'},
                             {"megabytes", required_argument, nullptr, 'm'},
+                            {"soak", required_argument, nullptr, 'k'},
                             {"help", no_argument, nullptr, 'h'},
                             {}};
     Options options;
     for (int found; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+        if (found == 'k') {
+            options.soak_minutes = std::strtod(optarg, nullptr);
+            if (!(options.soak_minutes >= 0.1 && options.soak_minutes <= 10'000)) {
+                explain(2);
+            }
+            continue;
+        }
         long* const value = found == 's'   ? &options.seconds
                             : found == 'm' ? &options.megabytes
                                            : nullptr;
@@ -91,6 +103,9 @@ int main(int argc, char* argv[]) {
     require(what_is_missing());
     require(enter_private_machine());
     start_kernel();
+    if (options.soak_minutes != 0) {
+        return soak::run(static_cast<long>(options.soak_minutes * 60));
+    }
 
     Checks checks;
     const bool complete = run(options, checks);
