@@ -72,7 +72,7 @@ void fetch(Client& client, const char* host, const char* local_port) {
     const std::int64_t start = now_ns();
     const int status = run_in_instance(
         client.instance->name, client.slot,
-        {"curl", "-sS", "--noproxy", "*", "--max-time", "300", "--local-port", local_port,
+        {"curl", "-sS", "--noproxy", "*", "--max-time", "100", "--local-port", local_port,
          "http://" + std::string(host) + "/bytes/" + std::to_string(wanted)},
         [&received, &checksum](std::span<const unsigned char> bytes) {
             received += bytes.size();
