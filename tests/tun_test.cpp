@@ -2,7 +2,6 @@
 #include "support/capture.hpp"
 #include "support/commands.hpp"
 #include "support/private_namespaces.hpp"
-#include "support/thread_info.hpp"
 #include "support/wait.hpp"
 
 #include <zelkernel/routing.h>
@@ -24,6 +23,7 @@
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attr),
               (mutex, attr), noexcept)
+ZEL_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags), noexcept)
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
 
 using testing::ElementsAre;
@@ -40,6 +40,14 @@ void alloc_buffer(void** handle, void**, int) {
     *handle = nullptr;
 }
 void free_buffer(void*) {}
+
+std::vector<pthread_t> threads_of_the_library() {
+    std::vector<pthread_t> ids(10);
+    unsigned int count = 0;
+    getCopyOfCurrentPthreadIds(ids.data(), 10, &count);
+    ids.resize(count);
+    return ids;
+}
 
 void start_receive_thread() {
     zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10);
@@ -85,9 +93,7 @@ TEST_F(Tun, StopsWithTheReasonWhenAnEssentialCallFails) {
         "src/zel_tun:848 Failed to initialize FD map mutex\n");
     EXPECT_DEATH(
         {
-            const int lowest_free = dup(0);
-            close(lowest_free);
-            allow_descriptors(static_cast<rlim_t>(lowest_free) + 1);
+            interposed::pipe2 = [](auto...) { return -1; };
             zel_tun_init();
         },
         "src/zel_tun:872 Failed to create rx packet wakeup pipe\n");
@@ -106,9 +112,7 @@ TEST_F(Tun, StopsWithTheReasonWhenAnEssentialCallFails) {
             signal(SIGUSR1, [](int) {});
             zel_tun_init();
             start_receive_thread();
-            pthread_t thread;
-            unsigned int count = 0;
-            getCopyOfCurrentPthreadIds(&thread, 1, &count);
+            const pthread_t thread = threads_of_the_library().at(0);
             eventually([thread] { return pthread_kill(thread, SIGUSR1) != 0; });
         },
         "src/zel_tun:744 rx packet select\\(\\) failure\n");
@@ -118,9 +122,8 @@ TEST_F(Tun, WithoutADriverRunsCommandsAndNothingElse) {
     ASSERT_EQ(mount("none", "/dev/net", "tmpfs", 0, nullptr), 0);
     EXPECT_EQ(printed_on(1, zel_tun_init), "No IP stack synchronization.\r\n");
     const auto before = open_files();
-    const int threads = zel::test::number_of_threads();
     start_receive_thread();
-    EXPECT_TRUE(eventually([threads] { return zel::test::number_of_threads() == threads; }));
+    EXPECT_TRUE(eventually([] { return threads_of_the_library().empty(); }));
     zel_tun_ipv4_create(text, sizeof text, "red", 3);
     EXPECT_THAT(text, EndsWith("Unable to open /dev/net/tun.\r\n"));
     auto& commands = record_commands(true);
