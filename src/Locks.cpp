@@ -96,15 +96,13 @@ int __wrap_pthread_mutexattr_getprioceiling(const pthread_mutexattr_t* attr, int
 }
 
 int __wrap_pthread_mutex_setprioceiling(pthread_mutex_t* mutex, int prioceiling, int* old_ceiling) {
-    // The system's header declares old_ceiling non-null, so the compiler drops a plain test of it
-    // after this call; the system itself accepts null. An address that it cannot see through keeps
-    // the test.
-    int* volatile where = old_ceiling;
-    int* const checked = where;
+    // The system's header declares old_ceiling non-null: the compiler would drop a test after the
+    // call.
+    int unused = 0;
+    int* const where = old_ceiling != nullptr ? old_ceiling : &unused;
     const int result =
         pthread_mutex_setprioceiling(mutex, zel::to_linux_priority(prioceiling), where);
-    if (checked != nullptr)
-        *checked = zel::to_application_priority(*checked);
+    *where = zel::to_application_priority(*where);
     return result;
 }
 
