@@ -25,12 +25,12 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <set>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <vector>
 
 ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), )
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
 
 namespace {
 
@@ -87,7 +87,7 @@ struct StartUpCase {
 };
 
 void PrintTo(const StartUpCase& c, std::ostream* out) {
-    *out << "priority " << c.fifo << " DEBUGGER " << (c.debugger ? c.debugger : "unset");
+    *out << "priority " << c.fifo << " DEBUGGER [" << (c.debugger ? c.debugger : "") << "]";
 }
 
 struct StartUp : testing::TestWithParam<StartUpCase> {};
@@ -267,11 +267,10 @@ TEST(RunCommand, ReportsItsOwnFailuresAsText) {
                   {"echo abc", 3, "ab", 39},
                   {"echo abc", 1, "", 39}});
     EXPECT_EQ(zel_run_command("true", nullptr, 0), -1);
-    std::signal(SIGCHLD, SIG_DFL);
-    rlimit files{};
-    getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = 3;
-    setrlimit(RLIMIT_NOFILE, &files);
+    interposed::popen = [](auto...) {
+        errno = EMFILE;
+        return nullptr;
+    };
     run_commands({{"echo abc", 256, "popen() failed; Too many open files\r\n", 37},
                   {"echo abc", 8, "popen()", 37},
                   {"echo abc", 1, "", 37}});

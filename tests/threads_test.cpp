@@ -19,7 +19,6 @@
 #include <gmock/gmock.h>
 #include <malloc.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <vector>
 
@@ -468,7 +467,7 @@ TEST(Affinity, PlacesTheCallingThread) {
 
 TEST(Affinity, IsReadBackAsBitsOnceTheCountIsKnown) {
     EXPECT_EQ(getThreadAffinityCPU(), 0u);
-    const long count = sysconf(_SC_NPROCESSORS_CONF);
+    const long count = sysconf(_SC_NPROCESSORS_ONLN);
     EXPECT_EQ(getNumOfCpus(), count);
     EXPECT_EQ(setThreadAffinityCPU(static_cast<int>(count) - 1), 0);
     EXPECT_EQ(getThreadAffinityCPU(), 1u << (count - 1));
