@@ -39,8 +39,7 @@ std::array<Client, plan::instances.size()>& clients() {
 std::atomic<int> working{0};
 pthread_barrier_t all_ready; // what competes for the IP stack's attention starts at the same time
 
-// --- ping
-// -----------------------------------------------------------------------------------------
+// --- ping ---
 
 void ping(Client& client, const char* address) {
     constexpr int count = 20;
@@ -59,8 +58,7 @@ void ping(Client& client, const char* address) {
                                                  client.instance->name, address, received, count));
 }
 
-// --- curl
-// -----------------------------------------------------------------------------------------
+// --- curl ---
 
 // Both instances fetch from the same address to the same address, from the same port: only the
 // namespace and the stack's interface keep the connections apart.
@@ -98,8 +96,7 @@ void fetch(Client& client, const char* host, const char* local_port) {
                               same ? "as served" : "DIFFERS", rate / 10, rate % 10));
 }
 
-// --- UDP queries
-// ----------------------------------------------------------------------------------
+// --- UDP queries ---
 
 // The answer, which names the interface that the query came in through; empty when none comes.
 std::string query(const char* instance, int family, const char* host, int port) {
@@ -126,7 +123,7 @@ void check_query(Client& client, int family, const char* host, int port,
                               client.instance->name, host, port, answer.c_str()));
 }
 
-// --------------------------------------------------------------------------------------------------
+// --- The whole of it ---
 
 void* run_client(void* argument) {
     auto& client = *static_cast<Client*>(argument);

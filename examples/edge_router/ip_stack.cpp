@@ -21,8 +21,7 @@ constexpr std::size_t indices = 2 * plan::instances.size() + 1;
 netif interfaces[indices];
 char names[indices][NETIF_NAMESIZE];
 
-// --- Packets to Linux: lwIP's thread, or a thread that holds its core lock
-// ------------------------
+// --- Packets to Linux: lwIP's thread, or a thread that holds its core lock ---
 
 err_t send(netif* interface, pbuf* packet, void (*send_packet)(int, const void*, std::size_t)) {
     const int index = static_cast<const Interface*>(interface->state)->index;
@@ -47,8 +46,7 @@ err_t send_ipv6(netif* interface, pbuf* packet, const ip6_addr_t*) {
     return send(interface, packet, zel_tun_ipv6_packet_send);
 }
 
-// --- Packets from Linux: the library's receive thread
-// ---------------------------------------------
+// --- Packets from Linux: the library's receive thread ---
 
 void alloc_buffer(void** handle, void** data, int size) {
     pbuf* buffer = pbuf_alloc(PBUF_RAW, static_cast<u16_t>(size), PBUF_RAM);
@@ -73,8 +71,7 @@ void receive(int index, void* handle, int length) {
     }
 }
 
-// --- Set-up: lwIP's thread
-// ------------------------------------------------------------------------
+// --- Set-up: lwIP's thread ---
 
 err_t initialise(netif* interface) {
     interface->name[0] = 't';

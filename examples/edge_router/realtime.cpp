@@ -26,8 +26,7 @@ using Count = std::atomic<std::uint32_t>;
 std::atomic<bool> stopping{false};
 Count still_running{0}; // threads of this file that have not seen `stopping` yet
 
-// --- Tick
-// -----------------------------------------------------------------------------------------
+// --- Tick ---
 
 struct Tick {
     Lateness lateness{"tick to poller"};
@@ -35,8 +34,7 @@ struct Tick {
     Count merged{0}; // ticks that passed while the kernel-call thread was busy
 };
 
-// --- Kernel calls
-// ---------------------------------------------------------------------------------
+// --- Kernel calls ---
 
 // A thread that queues a kernel call every few milliseconds and never has more than `most_pending`
 // of them pending: a full queue would drop them.
@@ -73,8 +71,7 @@ void* call_the_kernel(void* argument) {
     return nullptr;
 }
 
-// --- Interrupts
-// -----------------------------------------------------------------------------------
+// --- Interrupts ---
 
 // A device that interrupts once a millisecond, and its driver: a service routine, which runs in the
 // interrupt thread, and a deferred routine, which runs in the kernel-call thread. Interrupts are
@@ -183,8 +180,7 @@ void set_up_driver() {
     source->enable();
 }
 
-// --- Results
-// --------------------------------------------------------------------------------------
+// --- Results ---
 
 template<typename Done>
 void wait_until(Done done) {

@@ -128,6 +128,6 @@ void show_threads(Checks& checks) {
         }
     }
     checks.expect(missing.empty(),
-                  text("threads: %zu have the policy, priority and processors asked for%s%s",
+                  text("threads: policy, priority and processors of %zu are as asked for%s%s",
                        expected.size(), missing.empty() ? "" : ", but not:", missing.c_str()));
 }
