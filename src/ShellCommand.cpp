@@ -4,8 +4,28 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
+
+// The calls on the stream are cancellation points: a thread that is cancelled there leaves neither
+// the descriptor nor the command's process behind.
+class Command {
+public:
+    explicit Command(const char* text) : stream_(popen(text, "re")) {}
+    ~Command() {
+        if (stream_ != nullptr)
+            pclose(stream_);
+    }
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    FILE* stream() const { return stream_; }
+    int close() { return pclose(std::exchange(stream_, nullptr)); }
+
+private:
+    FILE* stream_;
+};
 
 // Reads until the end of the stream or until `room` characters are stored. A signal handler of the
 // application without SA_RESTART must not cut the text short.
@@ -23,17 +43,17 @@ size_t capture(FILE* stream, char* output, size_t room) {
 } // namespace
 
 int zel_run_command(const char* command, char* output, size_t output_size) {
-    FILE* stream = popen(command, "re");
-    if (stream == nullptr) {
+    Command running{command};
+    if (running.stream() == nullptr) {
         if (output == nullptr)
             return 0;
         return std::snprintf(output, output_size, "popen() failed; %s\r\n", std::strerror(errno));
     }
     if (output == nullptr || output_size == 0)
-        return pclose(stream);
-    const size_t length = capture(stream, output, output_size - 1);
+        return running.close();
+    const size_t length = capture(running.stream(), output, output_size - 1);
     output[length] = '\0';
-    const int status = pclose(stream);
+    const int status = running.close();
     if (status != -1)
         return status;
     return std::snprintf(output + length, output_size - length, "\r\npclose() failed; %s\r\n",

@@ -163,10 +163,16 @@ int __zel_pure_pthread_create(pthread_t* thread, const pthread_attr_t* attr,
 void* thread_func(void* block) {
     const ThreadStartBlock start = *static_cast<ThreadStartBlock*>(block);
     std::free(block);
+    // Only the routine can be cancelled: before it, it would be lost with what its argument owns;
+    // after it, if it has made its thread cancellable at any moment, the registry would stay locked
+    // or the id in it.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     // Any non-null value makes the key's destructor run.
     pthread_setspecific(end_of_thread_key, &end_of_thread_key);
     setThreadAffinityCPU0();
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     start.start_routine(start.arg);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setspecific(end_of_thread_key, nullptr);
     unregister_calling_thread(nullptr);
     return nullptr;

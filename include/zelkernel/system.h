@@ -41,8 +41,9 @@ ZEL_EXPORT int64_t zel_get_starttime_in_ns(void);
  * "pclose() failed; ..." is appended to the text and the length of that message is returned; with
  * a null output the result is -1.
  *
- * Blocks until the command has ended; a signal does not cut that short. The descriptor in between
- * is close-on-exec. Standard error is the process's own unless the command says 2>&1. */
+ * Blocks until the command has ended; a signal does not cut that short, nor does the cancellation
+ * of the calling thread, which takes effect then. The descriptor in between is close-on-exec.
+ * Standard error is the process's own unless the command says 2>&1. */
 ZEL_EXPORT int zel_run_command(const char* command, char* output, size_t output_size);
 
 ZEL_END_DECLS
