@@ -1,0 +1,305 @@
+// Races under load, and moments that a race would have to hit, brought about.
+#include "support/capture.hpp"
+#include "support/interpose.hpp"
+#include "support/kernel_thread.hpp"
+#include "support/manual_tick.hpp"
+#include "support/private_namespaces.hpp"
+#include "support/sanitizers.hpp"
+#include "support/wait.hpp"
+
+#include <zelkernel/deferred_service.hpp>
+#include <zelkernel/routing.h>
+#include <zelkernel/system.h>
+#include <zelkernel/tun.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <list>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
+
+namespace {
+
+using namespace zel::test;
+using Drivers::Api::InterruptProcessing::DeferredServiceRoutine;
+using Drivers::Devices::InterruptProcessing::LinuxDeferredServiceController;
+
+unsigned int registered() {
+    pthread_t ids[64];
+    unsigned int count = 99;
+    getCopyOfCurrentPthreadIds(ids, 64, &count);
+    return count;
+}
+
+ptrdiff_t open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {});
+}
+
+// The routine has made its thread cancellable at any moment; it is cancelled at each call that the
+// library makes on its behalf once the routine has returned.
+TEST(Cancellation, AfterTheRoutineLeavesNeitherLockNorRegistryEntry) {
+    static thread_local int calls_left;
+    const auto cancel_at_its_call = [](auto real) {
+        return [real](auto... arguments) {
+            if (calls_left > 0 && --calls_left == 0)
+                pthread_cancel(pthread_self());
+            const int result = real(arguments...);
+            if (calls_left > 0 && --calls_left == 0)
+                pthread_cancel(pthread_self());
+            return result;
+        };
+    };
+    interposed::pthread_mutex_lock = cancel_at_its_call(real::pthread_mutex_lock);
+    interposed::pthread_mutex_unlock = cancel_at_its_call(real::pthread_mutex_unlock);
+    for (int moment = 1; moment <= 4; ++moment) {
+        static int at;
+        at = moment;
+        ASSERT_EQ(__wrap_pthread_create(
+                      nullptr, Attributes{1},
+                      [](void*) -> void* {
+                          pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+                          calls_left = at;
+                          return nullptr;
+                      },
+                      nullptr),
+                  0);
+        alarm(20); // instead of waiting for a lock for ever
+        EXPECT_TRUE(eventually([] { return registered() == 0; })) << "moment " << moment;
+        alarm(0);
+    }
+}
+
+// A command is where an application's thread spends its time, the network module's lock in hand.
+TEST(Cancellation, WithinACommandLeavesNoLockDescriptorOrProcess) {
+    static std::atomic<bool> entered;
+    interposed::popen = [](const char*, const char* mode) {
+        entered = true;
+        return real::popen("sleep 0.02; echo text", mode);
+    };
+    static char text[100];
+    zel_vrf_create(text, sizeof text, "red");
+    const auto before = open_descriptors();
+    for (const auto& operation : {
+             +[] { zel_run_command("", text, sizeof text); },
+             +[] { zel_vrf_create(text, sizeof text, "blue"); },
+             +[] { zel_external_traffic_match_criteria_add(text, sizeof text, 17, 0, 53); },
+         }) {
+        for (int command = 1; command <= 3; ++command) { // of an instance's, the second is locked
+            entered = false;
+            std::atomic<bool> finished{false};
+            KernelThread thread{Attributes{1}, [&] {
+                                    for (int i = 0; i < 100; ++i)
+                                        operation();
+                                    finished = true;
+                                }};
+            for (int i = 0; i < command; ++i)
+                EXPECT_TRUE(eventually([] { return entered.exchange(false); }));
+            pthread_cancel(thread.id);
+            thread.join();
+            EXPECT_FALSE(finished);
+            EXPECT_TRUE(eventually([] { return registered() == 0; }));
+            EXPECT_EQ(open_descriptors(), before);
+            EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+            alarm(20); // instead of waiting for a lock for ever
+            unsigned char packet = 0;
+            zel_tun_ipv4_packet_send(1, &packet, 1);
+            alarm(0);
+        }
+    }
+}
+
+// Released from many threads while the kernel-call thread runs them: a routine runs or its entry in
+// the queue has become Empty, never both.
+TEST(Release, OfDeferredRoutinesThatRunCancelsEachOrLetsItRun) {
+    struct Routine : DeferredServiceRoutine {
+        void dsr() override { ++runs; }
+        std::atomic<int> runs{0};
+    };
+    constexpr int threads = 8, each = 125; // together they fit
+    const ManualTick ticks;
+    LinuxDeferredServiceController* controller = LinuxDeferredServiceController::getInstance();
+    int released = 0;
+    for (int round = 0; round < 20; ++round) {
+        std::vector<Routine> routines(threads * each);
+        pthread_mutex_lock(&kcall_mutex);
+        KCallIn = KCallOut = KCallList;
+        pthread_mutex_unlock(&kcall_mutex);
+        std::list<KernelThread> users;
+        for (int t = 0; t < threads; ++t) {
+            users.emplace_back(Attributes{1 + t % 3}, [&, t] {
+                for (int i = 0; i < each; ++i) {
+                    Routine& routine = routines[static_cast<size_t>(t * each + i)];
+                    controller->defer(&routine);
+                    if (i % 8 == t)
+                        ticks.signal();
+                    controller->release(&routine);
+                }
+            });
+        }
+        for (KernelThread& user : users)
+            user.join();
+        ASSERT_TRUE(ticks.tick());
+        for (size_t entry = 1; entry <= threads * each; ++entry) {
+            const KernelCall& call = KCallList[entry];
+            const bool is_released = call.function == reinterpret_cast<zel_word_t>(&Empty);
+            released += is_released;
+            auto* routine = reinterpret_cast<DeferredServiceRoutine*>(call.arguments[0]);
+            ASSERT_EQ(static_cast<Routine*>(routine)->runs, is_released ? 0 : 1);
+        }
+    }
+    EXPECT_GT(released, 0);
+}
+
+// --- TUN devices
+
+std::atomic<int> packets_received{0};
+std::atomic<int> wrong_packets{0};
+
+void alloc_buffer(void** handle, void** data, int size) {
+    *handle = *data = std::malloc(static_cast<size_t>(size));
+}
+void free_buffer(void* handle) {
+    std::free(handle);
+}
+void receive(int index, void* handle, int length) {
+    // UDP over IPv4 from 10.INDEX.0.1
+    const auto* packet = static_cast<const unsigned char*>(handle);
+    if (length >= 28 && packet[0] == 0x45 && packet[9] == IPPROTO_UDP) {
+        ++packets_received;
+        wrong_packets += packet[13] != index;
+    }
+    std::free(handle);
+}
+
+// What `ip` would do takes it milliseconds. False when there is no such device.
+bool bring_up(int index) {
+    const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request{};
+    std::snprintf(request.ifr_name, IFNAMSIZ, "tun4_%d", index);
+    auto& address = reinterpret_cast<sockaddr_in&>(request.ifr_addr);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(0x0a000001u | static_cast<uint32_t>(index) << 16);
+    bool done = ioctl(control, SIOCSIFADDR, &request) == 0;
+    address.sin_addr.s_addr = htonl(0xffffff00);
+    done = done && ioctl(control, SIOCSIFNETMASK, &request) == 0;
+    request.ifr_flags = IFF_UP | IFF_RUNNING;
+    done = done && ioctl(control, SIOCSIFFLAGS, &request) == 0;
+    close(control);
+    return done;
+}
+
+TEST(TunDevices, ComeAndGoWithoutTouchingAnyOtherDescriptor) {
+    if (!enter_private_namespaces())
+        GTEST_SKIP() << "namespaces and TUN devices need root: " << std::strerror(errno);
+    interposed::popen = [](const char*, const char* mode) { return real::popen(":", mode); };
+    zel_tun_init();
+    zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10);
+    constexpr int indices = 4;
+    std::atomic<bool> stop{false};
+    std::atomic<int> touched{0};
+    std::list<std::thread> others;
+    // Beside the devices, on the numbers that they give back.
+    others.emplace_back([&] {
+        while (!stop) {
+            int ends[2] = {-1, -1};
+            touched += pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0;
+            const int file = memfd_create("bystander", MFD_CLOEXEC);
+            touched += write(file, "mine", 4) != 4;
+            usleep(100);
+            char bytes[8];
+            touched += read(ends[0], bytes, 8) != -1 || lseek(file, 0, SEEK_CUR) != 4 ||
+                       pread(file, bytes, 8, 0) != 4;
+            for (const int fd : {file, ends[0], ends[1]})
+                close(fd);
+        }
+    });
+    // Out of Linux, and into it.
+    others.emplace_back([&] {
+        const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in peer{AF_INET, htons(7), {}, {}};
+        while (!stop) {
+            for (uint32_t index = 1; index <= indices; ++index) {
+                peer.sin_addr.s_addr = htonl(0x0a000002u | index << 16);
+                sendto(socket, "x", 1, 0, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
+            }
+        }
+        close(socket);
+    });
+    for (int sender = 0; sender < 2; ++sender) {
+        others.emplace_back([&] {
+            const unsigned char packet[28] = {0x45, 0, 0, 28, 0, 0, 0, 0, 64, IPPROTO_UDP};
+            while (!stop) {
+                for (int index = 1; index <= indices; ++index)
+                    zel_tun_ipv4_packet_send(index, packet, sizeof packet);
+            }
+        });
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    int rounds = 0;
+    while (std::chrono::steady_clock::now() - begin < std::chrono::seconds{3}) {
+        const int index = 1 + rounds++ % indices;
+        zel_tun_ipv4_create(nullptr, 0, "red", index);
+        bring_up(index); // fails while a packet on its way still holds the earlier device
+        zel_tun_ipv4_destroy(nullptr, 0, "red", 1 + rounds % indices);
+    }
+    stop = true;
+    for (std::thread& other : others)
+        other.join();
+    RecordProperty("devices", rounds);
+    RecordProperty("packets", packets_received);
+    EXPECT_GT(packets_received, 0);
+    EXPECT_EQ(wrong_packets, 0);
+    EXPECT_EQ(touched, 0);
+}
+
+// --- Routing instances
+
+TEST(Criteria, ReachEachInstanceOnceWhileBothChangeFromSeveralThreads) {
+    if (!enter_private_namespaces())
+        GTEST_SKIP() << "namespaces need root: " << std::strerror(errno);
+    constexpr int instances = 4, threads = 2, each = 4;
+    std::list<KernelThread> users;
+    users.emplace_back(Attributes{1}, [] {
+        for (int i = 0; i < instances; ++i) {
+            zel_vrf_create(nullptr, 0, std::to_string(i).c_str());
+            if (i == 1)
+                zel_vrf_destroy(nullptr, 0, "0");
+        }
+        zel_vrf_create(nullptr, 0, "0");
+    });
+    for (int t = 0; t < threads; ++t) {
+        users.emplace_back(Attributes{1}, [t] {
+            for (int port = 1000 * (t + 1); port < 1000 * (t + 1) + each; ++port) {
+                zel_external_traffic_match_criteria_add(nullptr, 0, 17, 0, port);
+                if (port % 2 == 1) // the odd ones go again
+                    zel_external_traffic_match_criteria_del(nullptr, 0, 17, 0, port);
+            }
+        });
+    }
+    for (KernelThread& user : users)
+        user.join();
+    for (int i = 0; i < instances; ++i) {
+        for (const char* tool : {"iptables", "ip6tables"}) {
+            const std::string ports =
+                shell("ip netns exec " + std::to_string(i) + " " + tool +
+                      " -t mangle -S OUTPUT | sed -n 's/.*--dport \\([0-9]*\\) .*/\\1/p' | sort");
+            EXPECT_EQ(ports, "1000\n1002\n2000\n2002\n") << tool << " in " << i;
+        }
+    }
+}
+
+} // namespace
