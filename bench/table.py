@@ -1,0 +1,246 @@
+#!/usr/bin/env python3
+"""Runs the measuring programs, ours and reference by turns, and prints one table of medians.
+
+    table.py HOST_BUILD TARGET_BUILD
+
+HOST_BUILD/table.md and HOST_BUILD/table.json get the table. A goal that is missed is marked and is
+no failure; a program that fails is.
+"""
+
+import collections
+import datetime
+import json
+import os
+import re
+import statistics
+import subprocess
+import sys
+
+HOST, TARGET = sys.argv[1:3]
+TARGET_LIBRARY = f"{TARGET}/src/libzelkernel.so"
+
+# path -> side -> values; the sides are "ours" and, where there is one, "reference".
+samples = collections.defaultdict(lambda: collections.defaultdict(list))
+
+
+def run(*command):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+
+
+def program(name, *arguments):
+    """A program's samples: lines of path, side, value."""
+    for line in run(f"{HOST}/bench/{name}", *arguments).splitlines():
+        path, side, value = line.split("\t")
+        samples[path][side].append(float(value))
+
+
+def harness(name, repetitions):
+    """Google Benchmark's samples: processor time, so that other work on the machine counts less."""
+    output = run(f"{HOST}/bench/{name}", "--benchmark_enable_random_interleaving=true",
+                 f"--benchmark_repetitions={repetitions}", "--benchmark_min_time=0.01",
+                 "--benchmark_format=json")
+    for each in json.loads(output)["benchmarks"]:
+        if each["run_type"] == "iteration":
+            path, side = each["name"].rsplit("/", 1)
+            samples[path][side].append(each["cpu_time"])
+
+
+def cyclictest(side, seconds, *options):
+    """Every lateness in ns, of a thread with the priority and the period of the kernel's tick."""
+    output = run("cyclictest", "-v", "-N", "-m", "-p", "46", "-i", "1000", "-t", "1",
+                 "-D", str(seconds), *options)
+    samples["tick"][side] += map(float, re.findall(r"^ *0: *\d+: *(\d+)$", output, re.M))
+
+
+def target_functions():
+    """The target library's functions: name to lines of disassembly."""
+    text = run("arm-linux-gnueabi-objdump", "-d", "--no-show-raw-insn", TARGET_LIBRARY)
+    return {name: body.splitlines()
+            for name, body in re.findall(r"^[0-9a-f]+ <(.+)>:\n((?:.+\n)+)", text, re.M)}
+
+
+def called(functions, start):
+    """`start` and all that it calls, directly or not."""
+    reached, to_do = set(), [start]
+    while to_do:
+        name = to_do.pop()
+        if name not in reached:
+            reached.add(name)
+            to_do += re.findall(r"\tb\w*\s+[0-9a-f]+ <([^+>]+)>", "\n".join(functions[name]))
+    return reached
+
+
+def inner_loop(lines):
+    """Instructions and bytes of the loop that loads the most registers a turn."""
+    addresses = [int(line.split(":")[0], 16) for line in lines]
+    best = (0, 0)
+    for end, line in enumerate(lines):
+        branch = re.search(r"\tb\w*\s+([0-9a-f]+) ", line)
+        if not branch or int(branch[1], 16) not in addresses[:end]:
+            continue
+        loop = lines[addresses.index(int(branch[1], 16)):end + 1]
+        lists = re.findall(r"\tldm.*\{(.*)\}", "\n".join(loop))
+        best = max(best, (4 * sum(len(each.split(",")) for each in lists), len(loop)))
+    return best
+
+
+def examine_target():
+    functions = target_functions()
+    path = called(functions, "__wrap_clock_gettime")
+    samples["clock_gettime, target: division routines called"]["ours"] = [
+        sum("div" in name for name in path)]
+    loaded, instructions = max(inner_loop(functions[name]) for name in functions
+                               if "sumBlocks" in name)
+    samples["checksum, target: instructions per byte"]["ours"] = [instructions / loaded]
+    stripped = f"{TARGET}/libzelkernel.stripped.so"
+    run("arm-linux-gnueabi-strip", "-o", stripped, TARGET_LIBRARY)
+    text, data = run("arm-linux-gnueabi-size", stripped).splitlines()[1].split()[:2]
+    samples["size of the target's library, text and data"]["ours"] = [(int(text) + int(data)) / 1024]
+
+
+def measure():
+    examine_target()
+    harness("calls_bench", 41)
+    harness("checksum_bench", 9)
+    program("kcall_pass_bench")
+    program("thread_creation_bench")
+    for _ in range(10):
+        program("interrupt_bench", "ours", "300")
+        program("interrupt_bench", "reference", "300")
+    program("packets_bench")
+    program("instances_bench")
+    program("startup_bench")
+    for _ in range(10):
+        program("tick_bench", "3")
+        cyclictest("cyclictest", 3)
+        cyclictest("cyclictest, signals", 2, "--posix_timers")
+
+
+Goal = collections.namedtuple("Goal", "text is_met")
+NO_GOAL = Goal("", lambda *_: None)
+
+
+def at_most_times(limit):
+    return Goal(f"≤ {limit:.2f}", lambda ours, reference: ours <= reference * limit)
+
+
+def at_least_times(limit):
+    return Goal(f"≥ {limit:.2f}", lambda ours, reference: ours >= reference * limit)
+
+
+def at_most_more(limit):
+    return Goal(f"≤ +{limit} ns", lambda ours, reference: ours <= reference + limit)
+
+
+def at_most(limit, unit=""):
+    return Goal(f"≤ {limit}{unit}", lambda ours, _: ours <= limit)
+
+
+def percentile(values, share):
+    return sorted(values)[min(len(values) - 1, int(len(values) * share))]
+
+
+rows = []
+
+
+def row(path, unit, goal, ours, reference=None, against=""):
+    rows.append({"path": path, "unit": unit, "ours": ours, "reference": reference,
+                 "against": against, "ratio": ours / reference if reference else None,
+                 "goal": goal.text, "met": goal.is_met(ours, reference)})
+
+
+def medians(path, unit, goal, against="", scale=1.0):
+    ours, reference = (samples[path].get(side) for side in ("ours", "reference"))
+    row(path, unit, goal, statistics.median(ours) * scale,
+        statistics.median(reference) * scale if reference else None, against)
+
+
+def matching(prefix, *arguments):
+    for path in [path for path in samples if path.startswith(prefix)]:
+        medians(path, *arguments)
+
+
+def tick_rows():
+    """Beside cyclictest as it is, and beside its way to be woken as the kernel-call thread is."""
+    for name, share in (("median", 0.5), ("99 %", 0.99), ("maximum", 1)):
+        ours = percentile(samples["tick"]["ours"], share) / 1000
+        for side in ("cyclictest", "cyclictest, signals"):
+            row(f"tick lateness, 1 ms, {name}", "us", at_most_times(1.1) if share < 1 else NO_GOAL,
+                ours, percentile(samples["tick"][side], share) / 1000, side)
+
+
+def checksum_rows():
+    """Beside the fastest of the references, or beside the 16-bit loop for short blocks."""
+    names = {"words16": "16-bit loop", "words32": "32-bit loads", "carry_chain": "carry chain"}
+    paths = [path.split("/") for path in samples if path.startswith("checksum/")]
+    for _, length, place in sorted(paths, key=lambda parts: (int(parts[1]), parts[2])):
+        path = f"checksum/{length}/{place}"
+        times = {side: statistics.median(values) for side, values in samples[path].items()}
+        ours = times.pop("ours")
+        fastest = min(times, key=times.get) if int(length) >= 576 else "words16"
+        row(f"checksum, {int(length):,} bytes, {place}", "ns",
+            Goal("< 1", lambda ours, reference: ours < reference), ours, times[fastest],
+            names[fastest])
+
+
+def make_rows():
+    medians("mutex lock + unlock", "ns", at_most_more(2), "system's")
+    medians("semaphore post + wait", "ns", at_most_more(2), "system's")
+    medians("clock_gettime, monotonic", "ns", at_most_more(3), "system's")
+    medians("clock_gettime, target: division routines called", "", at_most(0))
+    medians("cond_timedwait, expired, 1,000 known", "ns", at_most_times(1.25), "system's")
+    medians("kcall_enqueue", "ns", at_most_times(1.1), "lock, store, unlock", 1e-3)
+    medians("1,000 queued calls in one pass", "ns", at_most_times(1.1), "unlock, call, lock")
+    medians("thread creation until its routine runs", "us", at_most_times(1.2), "system's", 1e-3)
+    tick_rows()
+    medians("interrupt pulse to service routine", "us", at_most_times(1.1), "bare read()", 1e-3)
+    matching("receive, ", "k/s", at_least_times(0.95), "select() + read()", 1e-3)
+    row("heap allocations while receiving", "", at_most(0),
+        sum(samples["heap allocations while receiving"]["ours"]))
+    matching("send, ", "k/s", at_least_times(0.95), "write()", 1e-3)
+    checksum_rows()
+    medians("checksum, target: instructions per byte", "", at_most(0.5))
+    medians("zel_vrf_create", "ms", at_most_times(1.05), "shell script", 1e-6)
+    medians("size of the target's library, text and data", "KiB", at_most(64, " KiB"))
+    medians("resident memory added by start-up", "KiB", at_most(400, " KiB"))
+
+
+def number(value, unit):
+    if value is None:
+        return ""
+    digits = 0 if value == int(value) or value >= 1000 else 2 if value < 10 else 1
+    return f"{value:,.{digits}f} {unit}".strip()
+
+
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        cpuinfo = file.read()
+    model = re.search(r"^model name\s*: (.*)$", cpuinfo, re.M)
+    virtual = ", virtual machine" if "hypervisor" in cpuinfo else ""
+    return (f"{os.cpu_count()} x {model[1] if model else os.uname().machine}{virtual}; Linux "
+            f"{os.uname().release}; {os.confstr('CS_GNU_LIBC_VERSION')}; "
+            f"{run('c++', '--version').splitlines()[0]}; load at the start {load:.1f}; "
+            f"{datetime.date.today()}")
+
+
+def markdown():
+    lines = [f"Machine: {machine()}", "",
+             "| path | ours | reference | | ratio | goal | met |", "|---|--:|--:|---|--:|---|---|"]
+    for each in rows:
+        ratio = "" if each["ratio"] is None else f"{each['ratio']:.3f}"
+        met = {True: "yes", False: "**no**", None: ""}[each["met"]]
+        lines.append(f"| {each['path']} | {number(each['ours'], each['unit'])} | "
+                     f"{number(each['reference'], each['unit'])} | {each['against']} | {ratio} | "
+                     f"{each['goal']} | {met} |")
+    return "\n".join(lines) + "\n"
+
+
+load = os.getloadavg()[0]
+measure()
+make_rows()
+table = markdown()
+with open(f"{HOST}/table.md", "w", encoding="utf-8") as output_file:
+    output_file.write(table)
+with open(f"{HOST}/table.json", "w", encoding="utf-8") as output_file:
+    json.dump({"machine": machine(), "rows": rows}, output_file, indent=1, ensure_ascii=False)
+print(table, end="")
