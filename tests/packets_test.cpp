@@ -41,6 +41,8 @@ struct Stack {
     bool has_buffers = true;
     int freed = 0;
 
+    std::atomic<int> select_count = 0;
+
     // Each runs once, in the window that a case wants to have something happen in.
     std::function<void()> in_alloc, before_select, before_write;
 
@@ -151,9 +153,10 @@ protected:
     void SetUp() override {
         if (!zel::test::enter_private_namespaces())
             GTEST_SKIP() << "namespaces and TUN devices need root: " << strerror(errno);
-        interposed::select = [](auto... arguments) {
+        interposed::select = [](int count, auto... arguments) {
             stack.run(&Stack::before_select);
-            return real::select(arguments...);
+            stack.select_count = count;
+            return real::select(count, arguments...);
         };
         interposed::write = [](int fd, const void* data, size_t size) {
             if (size >= 20) // a packet; a wake-up is shorter
@@ -307,28 +310,34 @@ TEST_F(Packets, InFlightKeepTheirDeviceWhileItIsDestroyed) {
 }
 
 TEST_F(Packets, AreNeverReadFromAReusedDescriptor) {
+    EXPECT_TRUE(eventually([] { return stack.select_count != 0; }));
+    const int count_without_devices = stack.select_count;
     add_interface("red", 3);
     add_interface("blue", 4);
     const int first = udp_socket("red"), second = udp_socket("blue");
     int decoy = -1;
+    std::atomic<bool> deleted_after_the_pass{false};
     // The first packet holds the receive thread up until both devices are ready for one pass.
     stack.set(&Stack::in_alloc, [&] {
         send(first, "1");
         send(second, "2");
-        stack.set(&Stack::in_alloc, [&decoy] {
+        stack.set(&Stack::in_alloc, [&] {
             zel_tun_ipv4_destroy(nullptr, 0, "blue", 4);
             decoy = open_decoy();
+            stack.set(&Stack::before_select,
+                      [&] { deleted_after_the_pass = !has_device("blue", "tun4_4"); });
         });
     });
     send(first, "0");
     for (const char* payload : {"0", "1", "2"})
         EXPECT_EQ(stack.take().second.substr(28), payload);
-    EXPECT_TRUE(eventually([] { return !has_device("blue", "tun4_4"); }));
+    EXPECT_TRUE(eventually([&] { return deleted_after_the_pass.load(); }));
     expect_untouched(decoy);
     // Gone between the copy of the set and select(), which must not fail.
     stack.set(&Stack::before_select, [] { zel_tun_ipv4_destroy(nullptr, 0, "red", 3); });
     send(first, "3");
     EXPECT_TRUE(eventually([] { return !has_device("red", "tun4_3"); }));
+    EXPECT_TRUE(eventually([&] { return stack.select_count == count_without_devices; }));
 }
 
 TEST_F(Packets, AllowTheProcessToExitAtAnyTime) {

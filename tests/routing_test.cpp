@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -154,17 +155,22 @@ TEST(Routing, TextIsCutToTheBufferAndEveryCommandStillRuns) {
 
 TEST(Routing, EachCriterionReachesEachInstanceOnceWhenBothComeAtTheSameTime) {
     auto& recorder = record_commands(true);
-    constexpr int count = 20;
-    std::thread instances{[] {
-        for (int i = 0; i < count; ++i)
-            zel_vrf_create(nullptr, 0, std::to_string(i).c_str());
+    std::atomic<size_t> instances = 0, criteria = 0;
+    const auto add_instance = [&] {
+        zel_vrf_create(nullptr, 0, std::to_string(instances).c_str());
+        ++instances;
+    };
+    add_instance(); // so that an addition takes time from the beginning
+    std::thread others{[&] {
+        while (instances < 8)
+            add_instance();
     }};
-    for (int i = 0; i < count; ++i)
-        zel_external_traffic_match_criteria_add(nullptr, 0, i + 1, 0, 0);
-    instances.join();
+    while (instances < 8)
+        zel_external_traffic_match_criteria_add(nullptr, 0, static_cast<int>(++criteria), 0, 0);
+    others.join();
     Strings commands = recorder.take();
     std::erase_if(commands, [](auto& each) { return each.find("mangle") == std::string::npos; });
-    EXPECT_EQ(commands.size(), 2u * count * count);
+    EXPECT_EQ(commands.size(), 2 * criteria * instances);
     EXPECT_EQ(std::set(commands.begin(), commands.end()).size(), commands.size());
 }
 

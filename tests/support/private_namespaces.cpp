@@ -2,6 +2,7 @@
 
 #include <zelkernel/system.h>
 
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <sched.h>
@@ -43,8 +44,9 @@ int socket_in_namespace(const std::string& name, int family, int type) {
 }
 
 std::string shell(const std::string& command) {
-    char text[8192];
-    zel_run_command((command + " 2>&1").c_str(), text, sizeof text);
+    std::string text(8192, '\0'); // not on the stack: it may be one of 16 KiB
+    zel_run_command((command + " 2>&1").c_str(), text.data(), text.size());
+    text.resize(std::strlen(text.c_str()));
     return text;
 }
 
