@@ -2,6 +2,7 @@
 #include "support/interpose.hpp"
 #include "support/kernel_thread.hpp"
 
+#include <zelkernel/affinity.h>
 #include <zelkernel/clock.h>
 #include <zelkernel/conditions.h>
 #include <zelkernel/kernel.h>
@@ -155,6 +156,7 @@ TEST_F(Conditions, AreCreatedWaitedOnAndDestroyedFromManyThreads) {
     std::list<KernelThread> threads;
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back(Attributes{1 + i % 3}, [&, i] {
+            setThreadAffinityAllCpus();
             pthread_mutex_t own;
             __wrap_pthread_mutex_init(&own, nullptr);
             pthread_mutex_lock(&own);
@@ -165,6 +167,8 @@ TEST_F(Conditions, AreCreatedWaitedOnAndDestroyedFromManyThreads) {
                 wrong += __wrap_pthread_cond_timedwait(&here, &own, &past) != ETIMEDOUT;
                 wrong += __wrap_pthread_cond_destroy(&here) != 0;
             }
+            pthread_mutex_unlock(&own);
+            pthread_mutex_destroy(&own);
         });
     }
     for (KernelThread& thread : threads)

@@ -281,10 +281,10 @@ TEST(RunCommand, KeepsItsDescriptorFromOtherChildren) {
     const auto inheritable = inheritable_descriptors();
     std::atomic<bool> done{false};
     char text[10] = "";
-    KernelThread runner{Attributes{1}, [&] {
-                            zel_run_command("echo on; sleep 0.2", text, sizeof text);
-                            done = true;
-                        }};
+    KernelThread runner(Attributes{1}, [&] {
+        zel_run_command("echo on; sleep 0.2", text, sizeof text);
+        done = true;
+    });
     while (!done)
         EXPECT_EQ(inheritable_descriptors(), inheritable);
     EXPECT_STREQ(text, "on\n");
@@ -299,10 +299,10 @@ void start_everything() {
     manager.get(1)->connect(new Linux::DefaultIsr(1));
     manager.get(1)->enable();
     static const auto forever = [](auto action) {
-        KernelThread{Attributes{1}, [action] {
-                         for (;; usleep(20))
-                             action();
-                     }};
+        KernelThread(Attributes{1}, [action] {
+            for (;; usleep(20))
+                action();
+        });
     };
     forever([] { zel_simulated_raise(1); });
     forever([] { on_kernel_thread([] {}); });

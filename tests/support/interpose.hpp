@@ -1,27 +1,54 @@
 #pragma once
 
-#include <atomic>
 #include <dlfcn.h>
 #include <functional>
+#include <list>
+#include <type_traits>
+
+namespace zel::test {
+
+template<typename Signature>
+class Hook {
+public:
+    template<typename Function>
+    Hook& operator=(Function function) {
+        std::function<Signature>* installed = nullptr;
+        if constexpr (!std::is_same_v<Function, std::nullptr_t>) {
+            static auto& kept = *new std::list<std::function<Signature>>; // threads may be in them
+            installed = &kept.emplace_back(std::move(function));
+        }
+        __atomic_store_n(&installed_, installed, __ATOMIC_RELEASE);
+        return *this;
+    }
+    [[gnu::no_sanitize_thread]] auto* get() const {
+        return __atomic_load_n(&installed_, __ATOMIC_ACQUIRE);
+    }
+
+private:
+    std::function<Signature>* installed_;
+};
+
+} // namespace zel::test
 
 // Stands in front of a function of the system for the whole test program, the library included.
 // interposed::NAME is empty at first, then every call goes on to the system; a case sets it to make
-// calls fail or to look at them. real::NAME is the system's; it is looked up without the guard of a
-// local static, which itself locks a mutex on some targets.
+// calls fail or to look at them. real::NAME is the system's. Not seen by the thread sanitizer,
+// which itself calls some of these functions before it knows the thread.
 //
 //   ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s), noexcept)
 #define ZEL_INTERPOSE(result, name, parameters, arguments, exceptions)                             \
     namespace real {                                                                               \
-    static result name parameters {                                                                \
-        static std::atomic<result(*) parameters> next{};                                           \
-        if (!next)                                                                                 \
+    [[gnu::no_sanitize_thread]] static result name parameters {                                    \
+        static result(*next) parameters;                                                           \
+        if (next == nullptr)                                                                       \
             next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));                \
-        return next.load() arguments;                                                              \
+        return next arguments;                                                                     \
     }                                                                                              \
     }                                                                                              \
     namespace interposed {                                                                         \
-    static std::function<result parameters> name;                                                  \
+    static zel::test::Hook<result parameters> name;                                                \
     }                                                                                              \
-    extern "C" result name parameters exceptions {                                                 \
-        return interposed::name ? interposed::name arguments : real::name arguments;               \
+    extern "C" [[gnu::no_sanitize_thread]] result name parameters exceptions {                     \
+        const auto* hook = interposed::name.get();                                                 \
+        return hook != nullptr ? (*hook)arguments : real::name arguments;                          \
     }
