@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <pthread.h>
 #include <sched.h>
 
@@ -75,6 +76,13 @@ void start_kernel_calls(zel_run_poller_func run_poller, uint32_t tick_period_us)
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+// No exception may leave: the caller may be C code.
+void create_deferred_service_controller() try {
+    LinuxDeferredServiceController::getInstance();
+} catch (const std::bad_alloc&) {
+    zel_fatal("Could not create the deferred service controller.", "src/KernelStartUp", __LINE__);
+}
+
 } // namespace
 
 int zel_kernel_init(KernelPriorities priorities, uint32_t tick_period_us, uint32_t,
@@ -88,7 +96,7 @@ int zel_kernel_init(KernelPriorities priorities, uint32_t tick_period_us, uint32
     initialize_interrupts_disabled_mutex();
     zel::publish_statistics();
     start_kernel_calls(run_poller, tick_period_us);
-    LinuxDeferredServiceController::getInstance();
+    create_deferred_service_controller();
     zel_tun_init();
     remove_all_network_namespaces();
     __atomic_store_n(&initialized, 1, __ATOMIC_RELEASE); // the poller may be asking already

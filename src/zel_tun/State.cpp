@@ -47,6 +47,14 @@ void State::recompute_rx_max_fd() {
 
 namespace {
 
+bool has_tun_driver() {
+    const int fd = open(tun_driver, O_RDWR | O_CLOEXEC);
+    if (fd == -1)
+        return false;
+    close(fd);
+    return true;
+}
+
 // The receive thread reads this pipe only when select() has reported it. Writers never wait: a
 // full pipe wakes the thread as well as one token does.
 void make_wakeup_pipe() {
@@ -69,7 +77,7 @@ void zel_tun_init() {
         zel_fatal("Failed to initialize FD map mutex", module_file, 848);
     FD_ZERO(&state->rx_fd_set);
     state->rx_max_fd = 0;
-    if (!TunDescriptor{}.open()) {
+    if (!has_tun_driver()) {
         std::printf("No IP stack synchronization.\r\n");
         state->rx_wakeup_read_fd = -1;
         return;
