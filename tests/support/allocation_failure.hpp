@@ -8,7 +8,10 @@
 namespace zel::test {
 
 // Which of the calling thread's next allocations fails, counting from 1; 0: none.
-static thread_local int allocation_to_fail = 0;
+[[maybe_unused]] static thread_local int allocation_to_fail = 0;
+
+// What the calling thread has allocated less what it has freed.
+[[maybe_unused]] static thread_local long allocations_alive = 0;
 
 // A sanitizer has allocators of its own, which cannot be made to fail from here.
 constexpr bool can_fail_allocations = !under_address_sanitizer && !under_thread_sanitizer;
@@ -17,6 +20,7 @@ constexpr bool can_fail_allocations = !under_address_sanitizer && !under_thread_
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void* __libc_malloc(size_t size);
+extern "C" void __libc_free(void* memory);
 
 // Serves the library and operator new, too.
 extern "C" void* malloc(size_t size) noexcept {
@@ -25,6 +29,12 @@ extern "C" void* malloc(size_t size) noexcept {
         errno = ENOMEM;
         return nullptr;
     }
+    ++zel::test::allocations_alive;
     return __libc_malloc(size);
+}
+
+extern "C" void free(void* memory) noexcept {
+    zel::test::allocations_alive -= memory != nullptr;
+    __libc_free(memory);
 }
 #endif
