@@ -1,10 +1,12 @@
 #include "Statistics.hpp"
 
+#include "ErrorLine.hpp"
+
 #include <zelkernel/kernel.h>
 
 #include <algorithm>
 #include <bit>
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
@@ -47,7 +49,7 @@ void publish_statistics() {
         return;
     zel_statistics* shared = map_memory_file();
     if (shared == nullptr) {
-        std::perror("zel_kernel_init: no memory file for ZELKERNEL_STATS");
+        zel::write_error_line("zel_kernel_init: no memory file for ZELKERNEL_STATS", errno);
         return;
     }
     *shared = *statistics;

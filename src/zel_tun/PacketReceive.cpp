@@ -3,6 +3,7 @@
 #include "ReceiveSnapshot.hpp"
 #include "State.hpp"
 #include "Statistics.hpp"
+#include "SystemCallReport.hpp"
 
 #include <zelkernel/kernel.h>
 #include <zelkernel/scheduling.h>
@@ -10,7 +11,6 @@
 #include <zelkernel/tun.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <memory>
 #include <new>
 #include <pthread.h>
@@ -138,6 +138,5 @@ void zel_tun_packet_init(zel_tun_receive_t receive, zel_tun_alloc_buffer_t alloc
     if (create_receive_thread(receiver.get(), priority) == 0)
         static_cast<void>(receiver.release());
 } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    std::perror("zel_tun_packet_init");
+    zel::report_failure(ENOMEM, "zel_tun_packet_init");
 }
