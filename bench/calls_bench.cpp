@@ -65,7 +65,7 @@ void per_call(benchmark::State& state) {
 
 // The ring is emptied between the batches: a full one drops calls.
 void enqueue(benchmark::State& state) {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (std::size_t i = 0; i < calls_per_batch; ++i)
             kcall_enqueue(reinterpret_cast<zel_word_t>(&Empty), i, 2, 3);
         pthread_mutex_lock(&kcall_mutex);
@@ -84,7 +84,7 @@ void enqueue(benchmark::State& state) {
 }
 
 void enqueue_reference(benchmark::State& state) {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (std::size_t i = 0; i < calls_per_batch; ++i)
             store_under_lock(i, reinterpret_cast<zel_word_t>(&Empty), i, 2, 3);
     }

@@ -65,11 +65,12 @@ int main(int argc, char** argv) {
     sem_init(&done, 0, 0);
     bench::start_kernel(1'000'000);
     bench::pin_to_cpu0();
-    if (is_ours)
+    if (is_ours) {
         connect_ours();
-    else
+    } else {
         bench::start_thread(bench::fifo_attributes(bench::interrupt_priority, 0), read_pulses,
                             nullptr);
+    }
     for (int i = 0; i < std::atoi(argv[2]); ++i) {
         if (!is_ours)
             attach_reference();

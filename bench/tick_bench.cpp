@@ -49,7 +49,7 @@ void poller() {
 int main(int argc, char** argv) {
     bench::require(argc == 2, "usage: tick_bench SECONDS");
     const auto seconds = static_cast<unsigned>(std::atoi(argv[1]));
-    lateness.resize(seconds * 1000);
+    lateness.resize(std::size_t{seconds} * 1000);
     mlockall(MCL_CURRENT | MCL_FUTURE);
     // As cyclictest does: no deep idle states meanwhile.
     const int latency = open("/dev/cpu_dma_latency", O_RDWR | O_CLOEXEC);
