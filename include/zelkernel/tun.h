@@ -13,8 +13,10 @@
  *   shell interprets inside them. It is written into commands as it is.
  * - `output` takes the text that the commands print, errors included, and is the only report: empty
  *   or harmless when all went well. It may be null. `output_size` is its size in bytes, at least 1;
- *   the text is always NUL-terminated and is cut where the room ends. Lines of the library's own
- * end in "\r\n"; "Out of memory." among them means that the operation stopped there.
+ *   the text is always NUL-terminated and is cut where the room ends. Give it room: a command that
+ *   prints more than fits is ended by SIGPIPE, perhaps before it has acted. (Current versions of ip
+ *   print a warning for each IPv4 address.) Lines of the library's own end in "\r\n"; "Out of
+ *   memory." among them means that the operation stopped there.
  * - Functions with `output` block while commands run, typically for milliseconds each. No lock is
  *   held meanwhile; the bookkeeping itself is done under one short priority-inheritance lock, which
  *   the functions of routing.h may hold for longer. With the posix locks switch off there is no

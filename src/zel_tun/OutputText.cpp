@@ -15,8 +15,11 @@ void OutputText::clear() {
 }
 
 void OutputText::run(const std::string& command) {
+    // Not a null buffer: a command that prints, if only a warning, would get SIGPIPE and might end
+    // before it has acted. (`ip addr add … nodad` warns for each IPv4 address.)
     if (text_ == nullptr) {
-        zel_run_command(command.c_str(), nullptr, 0);
+        char dropped[256];
+        zel_run_command(command.c_str(), dropped, sizeof dropped);
         return;
     }
     zel_run_command(command.c_str(), end(), room());
