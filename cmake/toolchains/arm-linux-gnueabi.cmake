@@ -5,6 +5,7 @@ set(CMAKE_SYSTEM_PROCESSOR armv7-a)
 
 set(CMAKE_C_COMPILER arm-linux-gnueabi-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabi-g++)
+# psabi: notes on a calling convention that changed in GCC 7, before any of this was built.
 set(CMAKE_C_FLAGS_INIT "-mcpu=cortex-a9 -mfloat-abi=soft")
 set(CMAKE_CXX_FLAGS_INIT "-mcpu=cortex-a9 -mfloat-abi=soft -Wno-psabi")
 
