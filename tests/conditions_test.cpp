@@ -157,6 +157,7 @@ TEST_F(Conditions, AreCreatedWaitedOnAndDestroyedFromManyThreads) {
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back(Attributes{1 + i % 3}, [&, i] {
             setThreadAffinityAllCpus();
+            setThreadAffinityAllCpus();
             pthread_mutex_t own;
             __wrap_pthread_mutex_init(&own, nullptr);
             pthread_mutex_lock(&own);

@@ -6,6 +6,7 @@
 #include "support/thread_info.hpp"
 #include "support/wait.hpp"
 
+#include <zelkernel/affinity.h>
 #include <zelkernel/kcall.h>
 #include <zelkernel/kernel.h>
 #include <zelkernel/locks.h>
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <gmock/gmock.h>
 #include <list>
+#include <thread>
 #include <vector>
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a),
@@ -172,6 +174,7 @@ TEST_F(Queue, RunsEachCallOfManyThreadsOnceOrCancelsIt) {
         std::list<KernelThread> queuers;
         for (int t = 0; t < threads; ++t) {
             queuers.emplace_back(Attributes{1 + t % 3}, [&, t] {
+                setThreadAffinityAllCpus();
                 for (int i = 0; i < each; ++i) {
                     const auto id = static_cast<zel_word_t>(t * each + i);
                     kcall_enqueue(word(run), id, 0, 0);
@@ -197,6 +200,11 @@ TEST_F(Queue, RunsEachCallOfManyThreadsOnceOrCancelsIt) {
 
 TEST(Tick, IsNeverEarlyAndSurvivesSignals) {
     kernel_priorities.kcall_thread_priority = kcall_priority;
+    interposed::timer_settime = [](auto... arguments) {
+        const int result = real::timer_settime(arguments...);
+        std::this_thread::sleep_for(std::chrono::milliseconds{10}); // the first signal comes early
+        return result;
+    };
     const pthread_t thread = kcall_initialize_queue([] { ++polls; }, 2000);
     struct sigaction action {};
     action.sa_handler = [](int) {};
