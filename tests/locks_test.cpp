@@ -186,7 +186,7 @@ TEST(Switch, LeavesNoLockOfTheLibraryHeldWhenTurnedUnderItsFeet) {
             zel_enable_posix_locks();
         }
     });
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 500'000; ++i) {
         pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
         __wrap_pthread_cond_destroy(&cond);
     }
