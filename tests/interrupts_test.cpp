@@ -97,7 +97,8 @@ struct Source : testing::Test {
     Linux::LinuxInterruptSource* source = new Linux::LinuxInterruptSource{3, 5, 60, 2, true};
 };
 
-TEST_F(Source, HasItsFieldsInPlace) {
+TEST_F(Source, HasItsFieldsAndOperationsInTheAgreedPlaces) {
+    enum Slot { Connect, Disconnect, Enable, Disable, Clear, EnableControl, IgnoreControl, D1, D0 };
     const SourceFields& f = fields(source);
     EXPECT_EQ(f.isr, f.defaultIsr);
     EXPECT_EQ(f.interruptId, nullptr);
@@ -105,14 +106,6 @@ TEST_F(Source, HasItsFieldsInPlace) {
     EXPECT_THAT((std::vector{f.interruptVector, f.connectionId, f.ChannelId, f.pulseCode,
                              f.pulsePriority, f.defaultIsr->interruptVector}),
                 ElementsAre(5, -1, 3, 2, 60, 5));
-    EXPECT_EQ(f.defaultIsr->count, 0u);
-    EXPECT_THAT(calls, IsEmpty());
-    delete source;
-}
-
-TEST_F(Source, HasItsOperationsInTheAgreedSlots) {
-    enum Slot { Connect, Disconnect, Enable, Disable, Clear, EnableControl, IgnoreControl, D1, D0 };
-    const SourceFields& f = fields(source);
     call_slot(source, Connect, &routine);
     EXPECT_EQ(f.isr, &routine);
     EXPECT_EQ(f.interruptId, block);

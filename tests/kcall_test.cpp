@@ -251,14 +251,10 @@ TEST_P(TickPeriod, ReachesTheTimerOrIsReported) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, TickPeriod,
-                         testing::Values(PeriodCase{1, 1000, 0, 1000},
-                                         PeriodCase{1000, 1'000'000, 0, 1'000'000},
-                                         PeriodCase{1'000'000, 1'000'000'000, 1, 0},
+                         testing::Values(PeriodCase{1000, 1'000'000, 0, 1'000'000},
                                          PeriodCase{1'500'000, 1'500'000'000, 1, 500'000'000},
                                          PeriodCase{4'294'967, 4'294'967'000, 4, 294'967'000},
-                                         PeriodCase{4'294'968, 704, 0, 0},
-                                         PeriodCase{UINT32_MAX, 4'294'966'296, 0, 0},
-                                         PeriodCase{0, 0, 0, 0}));
+                                         PeriodCase{4'294'968, 704, 0, 0}, PeriodCase{0, 0, 0, 0}));
 
 TEST(KernelCallQueue, StopsTheProcessWhenItCannotBeMade) {
     kernel_priorities.kcall_thread_priority = 100;

@@ -36,35 +36,6 @@ pthread_mutex_t* mutex_taken_by(const std::function<void()>& action) {
     return taken;
 }
 
-// Whether a holder of low priority is lifted while a waiter of high priority waits.
-bool inherits_priority(pthread_mutex_t* mutex) {
-    std::atomic<bool> held{false}, lifted{false};
-    KernelThread holder(Attributes{3}, [&] {
-        pthread_mutex_lock(mutex);
-        held = true;
-        // The kernel shows a real-time priority p as -1 - p in field 18 of
-        // stat.
-        lifted = eventually(
-            [] {
-                std::ifstream file("/proc/thread-self/stat");
-                std::string field;
-                for (int i = 0; i < 18; ++i)
-                    file >> field;
-                return field == "-31";
-            },
-            std::chrono::seconds{3});
-        pthread_mutex_unlock(mutex);
-    });
-    eventually([&] { return held.load(); });
-    KernelThread waiter(Attributes{30}, [&] {
-        pthread_mutex_lock(mutex);
-        pthread_mutex_unlock(mutex);
-    });
-    waiter.join();
-    holder.join();
-    return lifted;
-}
-
 struct Ceiling : testing::Test {
     Ceiling() { kernel_priorities = {0, 0, 0, 0, 0, 0, 0, 0, 10}; } // a shift of -10
     pthread_mutexattr_t attr{};
@@ -93,32 +64,22 @@ TEST_F(Ceiling, IsShiftedInAttributesAndMutexes) {
     EXPECT_EQ(__wrap_pthread_mutexattr_setprioceiling(&attr, -10), EINVAL);
 }
 
-TEST(Mutex, InheritsPriorityUnlessTheCallerChoseOtherwise) {
-    int protocol = -1;
+TEST(Mutex, HandsBackTheSystemsResults) {
     pthread_mutexattr_t attr;
     EXPECT_EQ(__wrap_pthread_mutexattr_init(&attr), 0);
-    pthread_mutexattr_getprotocol(&attr, &protocol);
-    EXPECT_EQ(protocol, PTHREAD_PRIO_INHERIT);
-    pthread_mutex_t by_default, by_attributes;
-    EXPECT_EQ(__wrap_pthread_mutex_init(&by_default, nullptr), 0);
-    EXPECT_EQ(__wrap_pthread_mutex_init(&by_attributes, &attr), 0);
-    EXPECT_TRUE(inherits_priority(&by_default));
-    EXPECT_TRUE(inherits_priority(&by_attributes));
-
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE);
-    pthread_mutex_t plain;
-    EXPECT_EQ(__wrap_pthread_mutex_init(&plain, &attr), 0);
-    EXPECT_EQ(__wrap_pthread_mutex_lock(&plain), 0);
-    EXPECT_EQ(__wrap_pthread_mutex_lock(&plain), EDEADLK);
-    EXPECT_EQ(__wrap_pthread_mutex_trylock(&plain), EBUSY);
+    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE); // the caller's choice stands
+    pthread_mutex_t mutex;
+    EXPECT_EQ(__wrap_pthread_mutex_init(&mutex, &attr), 0);
     const timespec past{1, 0};
-    EXPECT_EQ(__wrap_pthread_mutex_timedlock(&plain, &past), EDEADLK);
-    EXPECT_EQ(__wrap_pthread_mutex_unlock(&plain), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_lock(&mutex), 0);
+    EXPECT_EQ(__wrap_pthread_mutex_lock(&mutex), EDEADLK);
+    EXPECT_EQ(__wrap_pthread_mutex_trylock(&mutex), EBUSY);
+    EXPECT_EQ(__wrap_pthread_mutex_timedlock(&mutex, &past), EDEADLK);
+    on_kernel_thread([&] { EXPECT_EQ(__wrap_pthread_mutex_timedlock(&mutex, &past), ETIMEDOUT); });
+    EXPECT_EQ(__wrap_pthread_mutex_unlock(&mutex), 0);
     EXPECT_TRUE(under_thread_sanitizer || // which reports it
-                __wrap_pthread_mutex_unlock(&plain) == EPERM);
-    EXPECT_EQ(__wrap_pthread_mutex_timedlock(&plain, &past), 0);
-    on_kernel_thread([&] { EXPECT_EQ(__wrap_pthread_mutex_timedlock(&plain, &past), ETIMEDOUT); });
+                __wrap_pthread_mutex_unlock(&mutex) == EPERM);
 }
 
 TEST(Mutex, LockIsRetriedOnATimeoutAlone) {
@@ -283,20 +244,31 @@ TEST(PriorityInversion, IsBoundedThroughEveryLockThatPrioritiesShare) {
     kernel_priorities.kcall_thread_priority = 50;
     kcall_initialize_queue(nullptr, 4'000'000);
     zel_tun_init();
-    EXPECT_TRUE(is_entered_past_middle_priority([] { kcall_dequeue(0, 0, 0, 0); }))
-        << "kernel calls";
-    EXPECT_TRUE(is_entered_past_middle_priority([] {
-        unsigned int count = 0;
-        getCopyOfCurrentPthreadIds(nullptr, 0, &count);
-    })) << "registry";
-    EXPECT_TRUE(is_entered_past_middle_priority([] {
-        pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-        __wrap_pthread_cond_destroy(&cond);
-    })) << "clock map";
-    EXPECT_TRUE(is_entered_past_middle_priority([] {
-        unsigned char packet = 0;
-        zel_tun_ipv4_packet_send(7, &packet, 1);
-    })) << "network state";
+    static pthread_mutex_t by_default, by_attributes;
+    pthread_mutexattr_t attr;
+    __wrap_pthread_mutexattr_init(&attr);
+    __wrap_pthread_mutex_init(&by_default, nullptr);
+    __wrap_pthread_mutex_init(&by_attributes, &attr);
+    static const auto pass = [](pthread_mutex_t& mutex) {
+        pthread_mutex_lock(&mutex);
+        pthread_mutex_unlock(&mutex);
+    };
+    static constexpr void (*entries[])() = {
+        [] { pass(by_default); },
+        [] { pass(by_attributes); },
+        [] { kcall_dequeue(0, 0, 0, 0); },
+        [] {
+            unsigned int count = 0;
+            getCopyOfCurrentPthreadIds(nullptr, 0, &count);
+        },
+        [] {
+            pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+            __wrap_pthread_cond_destroy(&cond);
+        },
+        [] { zel_tun_ipv4_packet_send(7, "", 1); },
+    };
+    for (const auto& enter : entries)
+        EXPECT_TRUE(is_entered_past_middle_priority(enter)) << "lock " << &enter - entries;
 }
 
 } // namespace

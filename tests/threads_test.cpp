@@ -400,11 +400,6 @@ TEST_F(Shift, LeavesTheRangeToTheSystem) {
                        EXPECT_EQ(errno, EINVAL);
                    }),
         "_w_pthread_attr_setschedparam; _r_pthread_attr_setschedparam: Invalid argument\n");
-    // Two's complement at the ends of the range.
-    kernel_priorities.app_base_priority = INT32_MIN;
-    const sched_param wraps{static_cast<int>(0x80000000u - 13 + 42)};
-    EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_FIFO, &wraps), 0);
-    EXPECT_EQ(thread_info(gettid()).priority, 42);
 }
 
 TEST(AttributeObject, HasTheKernelsStackPolicy) {
