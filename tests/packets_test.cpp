@@ -141,8 +141,8 @@ void add_interface(const char* name, int index, bool is_v6 = false) {
         const in_addr host{htonl(0x0a000001)}, net{htonl(0x0a000000)};
         zel_tun_ipv4_create(nullptr, 0, name, index);
         zel_tun_ipv4_status(nullptr, 0, name, index, true);
-        char warning[1000]; // "nodad" is for IPv6, says the tool, and obeys if it can say so
-        zel_tun_ipv4_address_add(warning, sizeof warning, name, index, &host);
+        // The tool warns that "nodad" is for IPv6, and has to get that said to obey.
+        zel_tun_ipv4_address_add(nullptr, 0, name, index, &host);
         zel_ipv4_route_add(nullptr, 0, name, &net, 0, 24, &index, nullptr, 0);
     }
 }
