@@ -117,13 +117,10 @@ TEST(Creation, TakesOnlyStackAndPriorityFromTheCaller) {
 TEST(Creation, WithoutAttributesTakesTheCreatorsPriorityOrIsRefused) {
     pthread_t id = 1;
     errno = 0;
-    EXPECT_EQ(printed_on(2,
-                         [&] {
-                             EXPECT_EQ(__wrap_pthread_create(&id, nullptr, do_nothing, nullptr),
-                                       EINVAL);
-                             EXPECT_EQ(errno, EINVAL);
-                         }),
-              "__w_pthread_create; pthread_create: Invalid argument\n");
+    Capture printed{2};
+    EXPECT_EQ(__wrap_pthread_create(&id, nullptr, do_nothing, nullptr), EINVAL);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(printed.text(), "__w_pthread_create; pthread_create: Invalid argument\n");
     EXPECT_EQ(id, 0u);
     EXPECT_THAT(registered(), IsEmpty());
 
@@ -140,12 +137,10 @@ TEST(Creation, IsRefusedWhileThePosixLocksAreOff) {
     pthread_t id = 1;
     for (pthread_t* where : {&id, static_cast<pthread_t*>(nullptr)}) {
         errno = 0;
-        EXPECT_EQ(printed_on(2,
-                             [&] {
-                                 EXPECT_EQ(__wrap_pthread_create(where, nullptr, nullptr, nullptr),
-                                           EPERM);
-                                 EXPECT_EQ(errno, EPERM);
-                             }),
+        Capture printed{2};
+        EXPECT_EQ(__wrap_pthread_create(where, nullptr, nullptr, nullptr), EPERM);
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(printed.text(),
                   "__w_pthread_create; posix locks are disabled: Operation not permitted\n");
     }
     EXPECT_EQ(id, 0u);
@@ -155,48 +150,53 @@ TEST(Creation, IsRefusedWhileThePosixLocksAreOff) {
     EXPECT_EQ(thread.result, 0);
 }
 
-template<typename Hook>
-void create_with_failing(Hook& hook, const char* expected) {
+template<typename... Arguments>
+void create_with_failing(Hook<int(Arguments...)>& hook, const std::string& steps) {
     // A stack and priority of the caller's make every step run.
     void* stack =
         mmap(nullptr, 1 << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     Attributes attr{3};
     real::pthread_attr_setstack(attr, stack, 1 << 20);
-    hook = [](auto...) { return ENOTSUP; };
-    EXPECT_EQ(
-        printed_on(
-            2, [&] { EXPECT_EQ(__wrap_pthread_create(nullptr, attr, do_nothing, nullptr), 0); }),
-        expected);
+    hook = [](Arguments...) { return ENOTSUP; };
+    Capture printed{2};
+    EXPECT_EQ(__wrap_pthread_create(nullptr, attr, do_nothing, nullptr), 0);
+    EXPECT_EQ(printed.text(), steps);
     hook = nullptr;
     EXPECT_TRUE(registry_empties());
 }
 
 TEST(Creation, ReportsAFailingStepAndGoesOn) {
     ASSERT_TRUE(become_fifo(2));
-#define STEP(name) "__w_pthread_create; " name ": Operation not supported\n"
-#define NO_PRIORITY "__w_pthread_create; _r_pthread_attr_setschedparam: Invalid argument\n"
+    const std::string no_priority =
+        "__w_pthread_create; _r_pthread_attr_setschedparam: Invalid argument\n";
+    const auto lines = [](std::initializer_list<const char*> failing) {
+        std::string result;
+        for (const char* step : failing)
+            result += "__w_pthread_" + std::string{step} + ": Operation not supported\n";
+        return result;
+    };
     create_with_failing(interposed::pthread_attr_setschedpolicy,
-                        STEP("pthread_attr_setschedpolicy") NO_PRIORITY);
+                        lines({"create; pthread_attr_setschedpolicy"}) + no_priority);
     create_with_failing(interposed::pthread_attr_setinheritsched,
-                        STEP("pthread_attr_setinheritsched"));
+                        lines({"create; pthread_attr_setinheritsched"}));
     if (!under_thread_sanitizer) // which misses the join
         create_with_failing(interposed::pthread_attr_setdetachstate,
-                            STEP("pthread_attr_setdetachstate"));
-    create_with_failing(interposed::pthread_attr_getstacksize, STEP("pthread_attr_getstacksize"));
-    create_with_failing(interposed::pthread_attr_getstack,
-                        "__w_pthread_attr_getstack; pthread_attr_getstack failed: "
-                        "Operation not supported\n" STEP("pthread_attr_getstack"));
-    create_with_failing(interposed::pthread_attr_setstack,
-                        "__w_pthread_attr_setstack; pthread_attr_setstack failed: "
-                        "Operation not supported\n" STEP("pthread_attr_setstack"));
+                            lines({"create; pthread_attr_setdetachstate"}));
+    create_with_failing(interposed::pthread_attr_getstacksize,
+                        lines({"create; pthread_attr_getstacksize"}));
+    create_with_failing(
+        interposed::pthread_attr_getstack,
+        lines({"attr_getstack; pthread_attr_getstack failed", "create; pthread_attr_getstack"}));
+    create_with_failing(
+        interposed::pthread_attr_setstack,
+        lines({"attr_setstack; pthread_attr_setstack failed", "create; pthread_attr_setstack"}));
     create_with_failing(interposed::pthread_attr_setstacksize,
-                        "__w_pthread_create; pthread_attr_setstacksize set default failed: "
-                        "Operation not supported\n" STEP("pthread_attr_init")
-                            STEP("pthread_attr_setstacksize"));
+                        lines({"create; pthread_attr_setstacksize set default failed",
+                               "create; pthread_attr_init", "create; pthread_attr_setstacksize"}));
     create_with_failing(interposed::pthread_attr_getschedparam,
-                        STEP("pthread_attr_getschedparam") NO_PRIORITY);
+                        lines({"create; pthread_attr_getschedparam"}) + no_priority);
     create_with_failing(interposed::pthread_attr_setschedparam,
-                        STEP("_r_pthread_attr_setschedparam"));
+                        lines({"create; _r_pthread_attr_setschedparam"}));
 }
 
 TEST(Creation, LeavesNothingBehindWhenRefused) {
@@ -233,18 +233,14 @@ TEST(Creation, LeavesNothingBehindWhenRefused) {
 
 TEST(Creation, PureFormRegistersForEverAndReportsNothing) {
     pthread_t id = 1;
-    EXPECT_EQ(printed_on(2,
-                         [&] {
-                             pthread_attr_t refused; // FIFO without a priority
-                             pthread_attr_init(&refused);
-                             pthread_attr_setschedpolicy(&refused, SCHED_FIFO);
-                             pthread_attr_setinheritsched(&refused, PTHREAD_EXPLICIT_SCHED);
-                             EXPECT_EQ(
-                                 __zel_pure_pthread_create(&id, &refused, do_nothing, nullptr),
-                                 EINVAL);
-                             EXPECT_EQ(errno, EINVAL);
-                         }),
-              "");
+    Capture printed{2};
+    pthread_attr_t refused; // FIFO without a priority
+    pthread_attr_init(&refused);
+    pthread_attr_setschedpolicy(&refused, SCHED_FIFO);
+    pthread_attr_setinheritsched(&refused, PTHREAD_EXPLICIT_SCHED);
+    EXPECT_EQ(__zel_pure_pthread_create(&id, &refused, do_nothing, nullptr), EINVAL);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(printed.text(), "");
     EXPECT_EQ(id, 1u);
     ASSERT_EQ(__zel_pure_pthread_create(&id, nullptr, do_nothing, nullptr), 0);
     EXPECT_EQ(pthread_join(id, nullptr), 0); // the attributes are the caller's: joinable
@@ -425,7 +421,9 @@ TEST(AttributeObject, HasTheKernelsStackPolicy) {
     EXPECT_EQ(address, stack);
     EXPECT_EQ(size, 16384u);
     interposed::pthread_attr_init = [](auto) { return ENOMEM; };
-    EXPECT_EQ(printed_on(2, [&] { EXPECT_EQ(__wrap_pthread_attr_init(&attr), ENOMEM); }),
+    Capture printed{2};
+    EXPECT_EQ(__wrap_pthread_attr_init(&attr), ENOMEM);
+    EXPECT_EQ(printed.text(),
               "__w_pthread_attr_init; __r_pthread_attr_init failed: Cannot allocate memory\n");
 }
 
