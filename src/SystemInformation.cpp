@@ -3,9 +3,11 @@
 
 #include <zelkernel/system.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 namespace {
@@ -24,12 +26,14 @@ File open_meminfo() {
     return file;
 }
 
-// The value of a "Key:   123 kB" line in bytes.
+// The value of a "Key:   123 kB" line in bytes; bounded, so that two of them can be added.
 int64_t bytes_of(const char* line) {
+    constexpr int64_t most_kilobytes = std::numeric_limits<int64_t>::max() / 2048;
     const char* colon = std::strchr(line, ':');
     if (colon == nullptr || colon[1] == '\0')
         return 0;
-    return static_cast<int64_t>(std::strtol(colon + 2, nullptr, 10)) * 1024;
+    const int64_t kilobytes = std::strtol(colon + 2, nullptr, 10);
+    return std::clamp(kilobytes, -most_kilobytes, most_kilobytes) * 1024;
 }
 
 } // namespace
