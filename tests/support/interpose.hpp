@@ -20,9 +20,11 @@ public:
         __atomic_store_n(&installed_, installed, __ATOMIC_RELEASE);
         return *this;
     }
-    [[gnu::no_sanitize_thread]] auto* get() const {
-        return __atomic_load_n(&installed_, __ATOMIC_ACQUIRE);
+    [[gnu::no_sanitize_thread]] bool is_set() const {
+        return __atomic_load_n(&installed_, __ATOMIC_RELAXED) != nullptr;
     }
+    // Out of line, so that the thread sanitizer sees the order.
+    [[gnu::noinline]] auto* get() const { return __atomic_load_n(&installed_, __ATOMIC_ACQUIRE); }
 
 private:
     std::function<Signature>* installed_;
@@ -49,6 +51,6 @@ private:
     static zel::test::Hook<result parameters> name;                                                \
     }                                                                                              \
     extern "C" [[gnu::no_sanitize_thread]] result name parameters exceptions {                     \
-        const auto* hook = interposed::name.get();                                                 \
+        const auto* hook = interposed::name.is_set() ? interposed::name.get() : nullptr;           \
         return hook != nullptr ? (*hook)arguments : real::name arguments;                          \
     }
