@@ -57,12 +57,6 @@ void for_each_thread(Action action) {
     }
 }
 
-inline int number_of_threads() {
-    int count = 0;
-    for_each_thread([&](pid_t) { ++count; });
-    return count;
-}
-
 // The thread of that name, once there is one: threads of the library name themselves. `tid` is 0 if
 // none appears.
 inline ThreadInfo thread_named(const std::string& name) {
