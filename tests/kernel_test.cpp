@@ -3,6 +3,7 @@
 #include "support/interpose.hpp"
 #include "support/kernel_thread.hpp"
 #include "support/private_namespaces.hpp"
+#include "support/sanitizers.hpp"
 #include "support/thread_info.hpp"
 #include "support/wait.hpp"
 
@@ -338,14 +339,15 @@ TEST(Exit, EndsTheProcessAtAnyMomentWithAllThreadsRunning) {
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     if (running_under_user_emulation())
         GTEST_SKIP() << "the emulator's own locks know no priorities";
-    for (int i = 0; i < 60; ++i) {
+    const int rounds = under_thread_sanitizer ? 6 : 60; // it sleeps a second at each exit
+    for (int i = 0; i < rounds; ++i) {
         const pid_t child = fork();
         if (child == 0) {
             dup2(open("/dev/null", O_WRONLY), 1);
             alarm(20); // nothing may be left behind
             hold_up_the_end();
             start_everything();
-            usleep(static_cast<useconds_t>(i * 150));
+            usleep(static_cast<useconds_t>(i * 9000 / rounds));
             if (i % 2 == 0)
                 std::exit(7);
             on_kernel_thread([] { std::exit(7); });
