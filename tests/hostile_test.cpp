@@ -240,12 +240,12 @@ TEST(Children, OfTheApplicationInheritNoDescriptorOfTheLibraryAtAnyMoment) {
         for (; !stop; ++rounds) {
             use_the_network("red");
             zel_get_free_mem();
-            num_processors = 0;
+            __atomic_store_n(&num_processors, 0, __ATOMIC_RELAXED); // so that it is counted again
             getNumOfCpus();
         }
     }};
-    for (int i = 0; i < 150 || rounds < 2; ++i)
-        ASSERT_EQ(inherited_by_a_child(), usual);
+    for (int i = 0; (i < 150 || rounds < 2) && !HasFailure(); ++i)
+        EXPECT_EQ(inherited_by_a_child(), usual);
     stop = true;
     user.join();
 }
@@ -261,7 +261,7 @@ TEST(Tools, ThatAreMissingAreReportedByTheShell) {
     char text[1000];
     zel_vrf_create(text, sizeof text, "red");
     EXPECT_THAT(text, testing::StartsWith("sh: 1: ip: not found\nsh: 1: ip: not found\n"));
-    EXPECT_EQ(num_processors, 1); // nor is there a grep to count them
+    EXPECT_EQ(getNumOfCpus(), 1); // nor is there a grep to count them
     for (int i = 0; i < 3; ++i) {
         zel_tun_ipv4_create(text, sizeof text, "red", 3); // the driver makes it, here
         EXPECT_STREQ(text, "sh: 1: ip: not found\nsh: 1: ip: not found\n");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <fcntl.h>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -11,7 +12,9 @@ namespace zel::test {
 // scope puts the descriptor back.
 class Capture {
 public:
-    explicit Capture(int fd) : fd_(fd), saved_(dup(fd)), file_(memfd_create("capture", 0)) {
+    explicit Capture(int fd)
+        : fd_(fd), saved_(fcntl(fd, F_DUPFD_CLOEXEC, 0)),
+          file_(memfd_create("capture", MFD_CLOEXEC)) {
         std::fflush(nullptr);
         dup2(file_, fd_);
     }
