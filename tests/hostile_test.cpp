@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -337,7 +338,7 @@ TEST(Arguments, OfThreadsThatNoSystemGrantsAreRefusedWithItsError) {
         EXPECT_EQ(id == 0, result != 0);
         return result;
     };
-    EXPECT_EQ(refused(size_t{1} << 47, 1), EAGAIN);
+    EXPECT_EQ(refused(SIZE_MAX / 2, 1), EAGAIN);
     for (const int priority : {INT_MIN, -1, 0, 100, INT_MAX})
         EXPECT_EQ(refused(16384, priority), 0) << "keeps its earlier priority";
     unsigned int count = 1;
