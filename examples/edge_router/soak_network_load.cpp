@@ -31,10 +31,10 @@ constexpr unsigned window = 8; // messages on their way at a time: what a socket
 
 // Instances that come and go, next to those of the plan.
 constexpr std::array<Instance, 2> passing{{
-    {"passing a",
+    {"passing-a",
      {101, "a inside", plan::stack_ipv4, plan::stack_ipv6},
      {102, "a external", plan::external_ipv4, plan::external_ipv6}},
-    {"passing b",
+    {"passing-b",
      {103, "b inside", plan::stack_ipv4, plan::stack_ipv6},
      {104, "b external", plan::external_ipv4, plan::external_ipv6}},
 }};
@@ -45,7 +45,7 @@ std::atomic<int> working{0};
 // How many marking rules an instance has that contain `what`, in both families.
 int marking_rules(const char* instance, const std::string& what) {
     char text[16] = "";
-    const std::string in_instance = "ip netns exec '" + std::string(instance) + "' ";
+    const std::string in_instance = "ip netns exec " + std::string(instance) + " ";
     const std::string command = "(" + in_instance + "iptables -t mangle -S OUTPUT; " + in_instance +
                                 "ip6tables -t mangle -S OUTPUT) | grep -c -- '" + what + " '";
     zel_run_command(command.c_str(), text, sizeof text);
