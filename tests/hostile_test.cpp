@@ -205,7 +205,7 @@ TEST(Children, ThatNobodyWaitsForAreReportedAndTheNetworkWorks) {
 // The descriptors beyond the standard streams that a child made by vfork and exec has.
 std::string inherited_by_a_child() {
     const char* const list = "for fd in /proc/$$/fd/*; do case ${fd##*/} in 0|1|2) ;; "
-                             "*) readlink $fd;; esac; done | grep -v ^/proc/ >&2; exit 0";
+                             "*) readlink $fd >&2;; esac; done; exit 0"; // no pipe of its own
     int ends[2];
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
     const pid_t child = vfork();
@@ -338,7 +338,7 @@ TEST(Arguments, OfThreadsThatNoSystemGrantsAreRefusedWithItsError) {
         EXPECT_EQ(id == 0, result != 0);
         return result;
     };
-    EXPECT_EQ(refused(SIZE_MAX / 2, 1), EAGAIN);
+    EXPECT_EQ(refused(SIZE_MAX - SIZE_MAX / 8, 1), EAGAIN);
     for (const int priority : {INT_MIN, -1, 0, 100, INT_MAX})
         EXPECT_EQ(refused(16384, priority), 0) << "keeps its earlier priority";
     unsigned int count = 1;
