@@ -8,6 +8,7 @@
 #include <zelkernel/threads.h>
 #include <zelkernel/tun.h>
 
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attr),
               (mutex, attr), noexcept)
@@ -128,10 +130,16 @@ TEST_F(Tun, CreatesAndDestroysDevicesInTheirInstance) {
     EXPECT_EQ(open_files("/dev/net/tun"), 1);
     start_receive_thread();
     zel_tun_ipv4_destroy(nullptr, 0, "red", 3);
+    Strings run;
+    EXPECT_TRUE(eventually([&] {
+        for (const std::string& each : commands.take()) {
+            if (each.find(" dev tun") != std::string::npos)
+                run.push_back(each);
+        }
+        return run.size() == 10;
+    }));
     EXPECT_TRUE(eventually([] { return devices_of_red().empty(); }));
     EXPECT_EQ(open_files("/dev/net/tun"), 0);
-    Strings run = commands.take();
-    std::erase_if(run, [](auto& each) { return each.find(" dev tun") == std::string::npos; });
     EXPECT_THAT(
         run,
         ElementsAre(
@@ -145,12 +153,42 @@ TEST_F(Tun, CreatesAndDestroysDevicesInTheirInstance) {
             "ip netns exec \"red\" ip tuntap del dev tun4_3 mode tun 2>&1"));
 
     zel_tun_ipv4_create(nullptr, 0, "red", 3);
+    zel_tun_ipv4_destroy(nullptr, 0, "nowhere", 3); // and yet it is no longer one of red's
+    EXPECT_TRUE(eventually([] { return open_files("/dev/net/tun") == 0; }));
+    zel_tun_ipv4_create(nullptr, 0, "nowhere", 4); // gets its number
+    zel_vrf_destroy(nullptr, 0, "red");
+    zel_tun_ipv4_destroy(nullptr, 0, "nowhere", 4);
+    EXPECT_TRUE(eventually([] { return open_files("/dev/net/tun") == 0; }));
+
+    zel_vrf_create(nullptr, 0, "red");
+    zel_tun_ipv4_create(nullptr, 0, "red", 3);
     zel_vrf_destroy(text, size, "red"); // forgets the device and leaves it open
     EXPECT_STREQ(text, "");
     commands.take();
     zel_tun_ipv4_destroy(nullptr, 0, "red", 3);
     EXPECT_TRUE(eventually([&] { return !commands.take().empty(); }));
     EXPECT_EQ(open_files("/dev/net/tun"), 1);
+}
+
+// A child has all descriptors until its exec, and one that never comes there for good.
+TEST_F(Tun, DeviceGoesWithTheLastProcessThatHasInheritedIt) {
+    zel_tun_init();
+    start_receive_thread();
+    zel_vrf_create(nullptr, 0, "red");
+    zel_tun_ipv4_create(nullptr, 0, "red", 3);
+    const pid_t child = fork();
+    if (child == 0)
+        pause();
+    auto& commands = record_commands(false);
+    zel_tun_ipv4_destroy(nullptr, 0, "red", 3);
+    EXPECT_TRUE(eventually([&] { return !commands.take().empty(); }));
+    // In the queue behind it: the deletion, which Linux refuses, has ended.
+    zel_tun_ipv4_destroy(nullptr, 0, "red", 4);
+    EXPECT_TRUE(eventually([&] { return !commands.take().empty(); }));
+    EXPECT_TRUE(eventually([] { return devices_of_red() == "tun4_3 "; }));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(eventually([] { return devices_of_red().empty(); }));
 }
 
 TEST_F(Tun, ReportsAFailedCreationAndLeavesNothingBehind) {

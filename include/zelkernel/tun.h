@@ -19,8 +19,7 @@
  *   memory." among them means that the operation stopped there.
  * - Functions with `output` block while commands run, typically for milliseconds each. No lock is
  *   held meanwhile; the bookkeeping itself is done under one short priority-inheritance lock, which
- *   the functions of routing.h may hold for longer. With the posix locks switch off there is no
- * lock.
+ *   the functions of routing.h may hold for longer. With the posix locks switch off there is none.
  */
 #ifndef ZELKERNEL_TUN_H
 #define ZELKERNEL_TUN_H
@@ -54,15 +53,16 @@ ZEL_EXPORT void zel_tun_init(void);
 ZEL_EXPORT void zel_tun_ipv4_create(char* output, size_t output_size, const char* name, int index);
 ZEL_EXPORT void zel_tun_ipv6_create(char* output, size_t output_size, const char* name, int index);
 
-/* Unregisters the device and queues its deletion, which the receive thread carries out soon
- * afterwards, in the order of the calls; without a receive thread the device stays. `output` is set
- * to the empty text (`output_size` is not used); a failing deletion is not reported, and neither is
- * a lack of memory, which leaves the device as it was. An index that is not registered still has
- * the deletion command run for its device name.
+/* Unregisters the device, closes it and queues its deletion command, which the receive thread runs
+ * soon afterwards, in the order of the calls. `output` is set to the empty text (`output_size` is
+ * not used); a failing deletion is not reported, and neither is a lack of memory, which leaves the
+ * device as it was. An index that is not registered still has the deletion command run for its
+ * device name.
  *
  * A packet that another thread is sending or receiving at this moment still goes through the old
  * device. The descriptor is closed as soon as nobody uses it, never under a running read or write,
- * so that its number cannot be reused under them; the deletion waits for that. */
+ * so that its number cannot be reused under them. Linux removes a registered device with its last
+ * descriptor, even if that is one that a child of the process has inherited and keeps open. */
 ZEL_EXPORT void zel_tun_ipv4_destroy(char* output, size_t output_size, const char* name, int index);
 ZEL_EXPORT void zel_tun_ipv6_destroy(char* output, size_t output_size, const char* name, int index);
 

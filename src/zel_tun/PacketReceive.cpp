@@ -54,7 +54,7 @@ void Receiver::pass() {
     const bool woken = FD_ISSET(state->rx_wakeup_read_fd, &ready);
     if (woken && !drain_wakeup_pipe())
         return;
-    // And again: the snapshot must not be what holds a device open that is to be deleted.
+    // And again: a device that is to be deleted goes when the snapshot, too, has let go of it.
     changed |= snapshot_.refresh();
     if (woken || changed)
         run_pending_tun_deletes();

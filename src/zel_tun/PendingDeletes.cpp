@@ -11,10 +11,6 @@
 namespace zel::network {
 namespace {
 
-bool is_closed(const PendingTunDelete& deletion) {
-    return deletion.closing == nullptr || deletion.closing->done_else_await();
-}
-
 // A failing deletion is not noticed, and neither is one for which there is no memory.
 void run_deletion(const PendingTunDelete& deletion) try {
     const std::string command = in_instance(deletion.name) + "ip tuntap del dev " +
@@ -29,7 +25,7 @@ void run_pending_tun_deletes() {
     auto& queue = state->pending_tun_deletes;
     std::list<PendingTunDelete> taken;
     PosixLock lock{state->fd_map_mutex};
-    while (!queue.empty() && is_closed(queue.front())) {
+    while (!queue.empty()) {
         taken.splice(taken.begin(), queue, queue.begin());
         lock.release();
         run_deletion(taken.front());

@@ -14,7 +14,6 @@
 #include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <pthread.h>
 #include <string>
 #include <sys/select.h>
@@ -40,13 +39,11 @@ struct VrfTun {
     int index;
 };
 
-// A device whose deletion command has still to be run. `closing` is null when the device was not
-// registered: nobody holds it open then.
+// A device whose deletion command has still to be run.
 struct PendingTunDelete {
     int family;
     int index;
     std::string name;
-    std::shared_ptr<Closing> closing;
 };
 
 // Interface index to descriptor. The value keeps the descriptor open as well, so that a send gets

@@ -1,10 +1,11 @@
 #include "TunDescriptor.hpp"
 
-#include "ReceiveWakeup.hpp"
 #include "Statistics.hpp"
 
 #include <fcntl.h>
+#include <linux/if_tun.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace zel::network {
@@ -15,16 +16,6 @@ namespace {
 zel_statistics_device uncounted;
 
 } // namespace
-
-bool Closing::done_else_await() {
-    State state = State::open;
-    state_.compare_exchange_strong(state, State::awaited);
-    return state == State::done;
-}
-
-bool Closing::mark_done() {
-    return state_.exchange(State::done) == State::awaited;
-}
 
 TunDescriptor::TunDescriptor() : counters_(&uncounted) {}
 
@@ -37,14 +28,15 @@ void TunDescriptor::count_as(int family, int index) {
     counters_ = claim_device_counters(family == AF_INET ? 4 : 6, index, uncounted);
 }
 
+void TunDescriptor::end_device_with_descriptor() {
+    ioctl(fd_, TUNSETPERSIST, 0);
+}
+
 TunDescriptor::~TunDescriptor() {
     if (counters_ != &uncounted)
         release_device_counters(*counters_);
-    if (fd_ == -1 || keep_open_)
-        return;
-    close(fd_);
-    if (closing_->mark_done())
-        wakeup_zel_tun_packet_receive();
+    if (fd_ != -1 && !keep_open_)
+        close(fd_);
 }
 
 } // namespace zel::network

@@ -4,24 +4,9 @@
 
 #include <atomic>
 #include <cstddef>
-#include <memory>
 #include <utility>
 
 namespace zel::network {
-
-// Whether a descriptor has been closed; outlives it, for the deletion that waits for that.
-class Closing {
-public:
-    // True when the descriptor is closed. Otherwise whoever closes it wakes the receive thread.
-    bool done_else_await();
-
-    // By the closer, afterwards: true when the closing is awaited.
-    bool mark_done();
-
-private:
-    enum class State : unsigned char { open, awaited, done };
-    std::atomic<State> state_{State::open};
-};
 
 // Owns an open TUN descriptor. It is shared by the maps of the state, the receive thread's snapshot
 // and the sends under way; the last of them to let go closes it. So nobody reads or writes a
@@ -40,7 +25,10 @@ public:
     void count_as(int family, int index);
     zel_statistics_device& counters() const { return *counters_; }
 
-    const std::shared_ptr<Closing>& closing() const { return closing_; }
+    // From here on the device ends with its last open descriptor. The deletion command alone would
+    // not do: Linux refuses to delete a device that a sender of this process, or a child between
+    // fork and exec, still has open.
+    void end_device_with_descriptor();
 
     // Leaves the descriptor open for the process's life. Under the module's lock.
     void keep_open() { keep_open_ = true; }
@@ -52,7 +40,6 @@ private:
     int fd_ = -1;
     bool keep_open_ = false;
     zel_statistics_device* counters_;
-    std::shared_ptr<Closing> closing_ = std::make_shared<Closing>();
 };
 
 // A counted reference. Every packet sent takes one and gives it back; std::shared_ptr would ask

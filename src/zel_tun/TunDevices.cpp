@@ -7,7 +7,6 @@
 
 #include <zelkernel/tun.h>
 
-#include <algorithm>
 #include <cstring>
 #include <linux/if.h>
 #include <linux/if_tun.h>
@@ -89,25 +88,21 @@ void zel_tun_create(char* output, size_t output_size, const char* name, int inde
     });
 }
 
-void forget_in_instance(const char* name, int fd) {
-    const auto instance = state->vrf_map.find(name);
-    if (instance == state->vrf_map.end())
-        return;
-    auto& devices = instance->second;
-    const auto device = std::find_if(devices.begin(), devices.end(),
-                                     [fd](const VrfTun& each) { return each.fd == fd; });
-    if (device != devices.end())
-        devices.erase(device);
+// Not by the name that the caller gives: an entry left in another instance's list would stand for
+// whatever device gets the descriptor's number next.
+void forget_in_its_instance(int fd) {
+    for (auto& [name, devices] : state->vrf_map)
+        devices.remove_if([fd](const VrfTun& device) { return device.fd == fd; });
 }
 
 // Takes the device out of the state and hands over its descriptor; null when it is not registered.
-SharedTunDescriptor unregister(const char* name, int index, int family) {
+SharedTunDescriptor unregister(int index, int family) {
     TunFds& tun_fds = state->tun_fds(family);
     const auto found = tun_fds.find(index);
     if (found == tun_fds.end())
         return nullptr;
     SharedTunDescriptor descriptor = std::move(found->second);
-    forget_in_instance(name, descriptor->number());
+    forget_in_its_instance(descriptor->number());
     tun_fds.erase(found);
     state->fd_map.erase(descriptor->number());
     state->unwatch(descriptor->number());
@@ -118,17 +113,17 @@ void zel_tun_destroy(char* output, const char* name, int index, int family) {
     // Of this buffer only the first byte is known to exist.
     report_into(output, 1, [=](OutputText& text) {
         text.clear();
-        std::list<PendingTunDelete> deletion{{family, index, name, nullptr}};
+        std::list<PendingTunDelete> deletion{{family, index, name}};
         // Outside the critical section: closing a TUN descriptor takes the kernel milliseconds.
         SharedTunDescriptor descriptor;
         {
             const PosixLock lock{state->fd_map_mutex};
-            descriptor = unregister(name, index, family);
-            if (descriptor != nullptr)
-                deletion.front().closing = descriptor->closing();
+            descriptor = unregister(index, family);
             state->pending_tun_deletes.splice(state->pending_tun_deletes.end(), deletion);
             state->changed();
         }
+        if (descriptor != nullptr)
+            descriptor->end_device_with_descriptor();
         descriptor = nullptr;
         wakeup_zel_tun_packet_receive();
     });
