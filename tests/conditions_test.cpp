@@ -111,8 +111,7 @@ TEST_F(Conditions, TheClockIsRecordedAndForgottenWhateverTheSystemSays) {
 }
 
 TEST_F(Conditions, WithoutMemoryInitialisationFailsAndAWaitGoesOn) {
-    if (!can_fail_allocations)
-        GTEST_SKIP() << "the sanitizer has its own allocator";
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
     set_start_time(5'500'000'000, true);
     allocation_to_fail = 1;
     EXPECT_EQ(__wrap_pthread_cond_init(&cond, &monotonic), ENOMEM);

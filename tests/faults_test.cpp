@@ -5,6 +5,7 @@
 #include "support/commands.hpp"
 #include "support/interpose.hpp"
 #include "support/kernel_thread.hpp"
+#include "support/left_behind.hpp"
 #include "support/private_namespaces.hpp"
 #include "support/tun_interface.hpp"
 #include "support/wait.hpp"
@@ -20,7 +21,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <new>
@@ -51,21 +51,6 @@ namespace {
 using namespace zel::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-#define ENTER_PRIVATE_NAMESPACES_OR_SKIP()                                                         \
-    if (!enter_private_namespaces())                                                               \
-    GTEST_SKIP() << "no private namespaces: " << std::strerror(errno)
-
-ptrdiff_t open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {});
-}
-
-unsigned int registered() {
-    pthread_t ids[64];
-    unsigned int count = 99;
-    getCopyOfCurrentPthreadIds(ids, 64, &count);
-    return count;
-}
 
 // How a child that ran `action` ended; 0 when it came to its end.
 template<typename Action>
@@ -144,8 +129,7 @@ TEST(StartUp, GoesOnWhenTheSystemRefuses) {
 }
 
 TEST(StartUp, WithoutMemoryIsCompleteOrStopsTheProcess) {
-    if (!can_fail_allocations)
-        GTEST_SKIP() << "the sanitizer has its own allocator";
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     const Capture out{1}, err{2};
     int stops = 0;
@@ -174,8 +158,7 @@ TEST(Affinity, ThatIsRefusedKeepsNoThreadFromRunning) {
 // --- Interrupts
 
 TEST(InterruptManager, ThrowsWithoutMemoryAndIsAsItWas) {
-    if (!can_fail_allocations)
-        GTEST_SKIP() << "the sanitizer has its own allocator";
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
     kernel_priorities = {0, 25, 0, 0, 0, 0, 0, 0, 20};
     Linux::LinuxInterruptMgr manager;
     const int failures = fail_each_allocation(
@@ -252,7 +235,7 @@ TEST(Commands, ThatCannotBeStartedOrWaitedForAreReportedEachAndTheStateChanges) 
         std::pair{+[] { zel_tun_ipv6_status(text, size, "red", 3, true); }, 1},
         std::pair{+[] { zel_external_traffic_match_criteria_del(text, size, 1, 0, 0); }, 0},
     };
-    const auto before = open_descriptors();
+    const auto before = open_files();
     interposed::popen = [](auto...) {
         errno = EMFILE;
         return nullptr;
@@ -271,7 +254,7 @@ TEST(Commands, ThatCannotBeStartedOrWaitedForAreReportedEachAndTheStateChanges) 
         run();
         EXPECT_EQ(text, repeated("x\n\r\npclose() failed; Input/output error\r\n", commands));
     }
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(open_files(), before);
 }
 
 TEST(Commands, OfTheCleanUpThatCannotBeStartedAreReportedAndTheScanGoesOn) {
@@ -294,11 +277,10 @@ TEST(Commands, OfTheCleanUpThatCannotBeStartedAreReportedAndTheScanGoesOn) {
 // --- Lack of memory, allocation by allocation
 
 TEST(Memory, ThatIsLackingIsReportedAndNothingIsKept) {
-    if (!can_fail_allocations)
-        GTEST_SKIP() << "the sanitizer has its own allocator";
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     static uint64_t total;
-    const auto descriptors = open_descriptors();
+    const auto descriptors = open_files();
     std::vector<std::pair<std::function<void()>, std::string>> operations;
     for (const auto& operation : with_address)
         operations.emplace_back(operation.run, "Out of memory.\r\n");
@@ -319,7 +301,7 @@ TEST(Memory, ThatIsLackingIsReportedAndNothingIsKept) {
                 EXPECT_THAT(std::string{text},
                             testing::AnyOf(report, undisturbed,
                                            "popen() failed; Cannot allocate memory\r\n"));
-                EXPECT_EQ(open_descriptors(), descriptors);
+                EXPECT_EQ(open_files(), descriptors);
             });
         EXPECT_GT(allocations, 0);
     }
@@ -432,7 +414,7 @@ TEST(ReceiveThreadStart, ThatIsRefusedLeavesNothingAndCanBeRepeated) {
     const auto refused = [] { zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10); };
     EXPECT_EQ(printed_on(2, refused),
               "__w_pthread_create; pthread_create: Resource temporarily unavailable\n");
-    EXPECT_EQ(registered(), 0u);
+    EXPECT_EQ(registered_threads(), 0u);
     {
         const Capture quiet{2};
         const long before = allocations_alive;
@@ -441,7 +423,7 @@ TEST(ReceiveThreadStart, ThatIsRefusedLeavesNothingAndCanBeRepeated) {
     }
     interposed::pthread_create = nullptr;
     zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10);
-    EXPECT_EQ(registered(), 1u);
+    EXPECT_EQ(registered_threads(), 1u);
 }
 
 } // namespace

@@ -99,6 +99,7 @@ TEST_F(Queue, RunsCallsQueuedByACallInTheSamePass) {
     const auto first = [](zel_word_t, zel_word_t, zel_word_t) {
         polls_before = polls;
         EXPECT_EQ(KCallLevel, 1);
+        EXPECT_EQ(KCallOut, &KCallList[0]); // pending until it has run
         EXPECT_EQ(zel_get_current_context(), 1);
         EXPECT_EQ(isItSafeToBlock(), 0);
         kcall_enqueue(word(note), 3, 0, 0);
@@ -171,10 +172,13 @@ TEST_F(Queue, RunsEachCallOfManyThreadsOnceOrCancelsIt) {
         pthread_mutex_lock(&kcall_mutex);
         KCallIn = KCallOut = KCallList;
         pthread_mutex_unlock(&kcall_mutex);
+        std::atomic<int> ready{0};
         std::list<KernelThread> queuers;
         for (int t = 0; t < threads; ++t) {
             queuers.emplace_back(Attributes{1 + t % 3}, [&, t] {
                 setThreadAffinityAllCpus();
+                for (++ready; ready < threads;)
+                    usleep(20);
                 for (int i = 0; i < each; ++i) {
                     const auto id = static_cast<zel_word_t>(t * each + i);
                     kcall_enqueue(word(run), id, 0, 0);
@@ -187,6 +191,7 @@ TEST_F(Queue, RunsEachCallOfManyThreadsOnceOrCancelsIt) {
         }
         for (KernelThread& queuer : queuers)
             queuer.join();
+        ASSERT_EQ(KCallIn, &KCallList[threads * each]);
         tick();
         for (size_t entry = 1; entry <= threads * each; ++entry) {
             const KernelCall& call = KCallList[entry];

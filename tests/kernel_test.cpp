@@ -25,7 +25,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
-#include <set>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <vector>
@@ -49,23 +48,6 @@ void poll() {
     polls_elsewhere += zel_get_current_context() != 1 || isItSafeToBlock() != 0;
 }
 void update_rtc(clockid_t, timespec*) {}
-
-#define ENTER_PRIVATE_NAMESPACES_OR_SKIP()                                                         \
-    if (!enter_private_namespaces())                                                               \
-    GTEST_SKIP() << "no private namespaces: " << std::strerror(errno)
-
-// Descriptors above the standard ones that a child would inherit.
-std::set<std::string> inheritable_descriptors() {
-    std::set<std::string> result;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const std::string name = entry.path().filename();
-        const int fd = std::stoi(name);
-        const int flags = fcntl(fd, F_GETFD);
-        if (fd > 2 && flags != -1 && (flags & FD_CLOEXEC) == 0)
-            result.insert(name);
-    }
-    return result;
-}
 
 TEST(KernelState, IsZeroBeforeStartUp) {
     const KernelPriorities none{};
@@ -108,7 +90,6 @@ TEST_P(StartUp, RunsItsSteps) {
     sigaddset(&signals, SIGTERM); // is unblocked nevertheless
     sigaddset(&signals, SIGUSR1); // stays as it is
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const auto inheritable = inheritable_descriptors();
     timespec before, after;
     clock_gettime(CLOCK_MONOTONIC, &before);
     {
@@ -141,7 +122,6 @@ TEST_P(StartUp, RunsItsSteps) {
     EXPECT_LE(starttimeInNs, after.tv_sec * int64_t{1'000'000'000} + after.tv_nsec);
     EXPECT_NE(LinuxDeferredServiceController::instance, nullptr);
     EXPECT_FALSE(std::filesystem::exists("/run/netns/left_over"));
-    EXPECT_EQ(inheritable_descriptors(), inheritable);
 
     const ThreadInfo kcall = thread_named("KCall");
     EXPECT_EQ(kcall.policy, SCHED_FIFO);
@@ -214,8 +194,9 @@ TEST(Memory, IsReadFromMeminfo) {
           Case{"Inactive:  3 kB\n" + filler + "\nMemTotal 9\nMemTotal: 2 kB\n", 0, 3072},
           Case{"SwapMemTotal: 4194304 kB\nMemTotal: 2 kB\n", uint64_t{1} << 32, 0},
           Case{"MemTotal:", 0, 0}, Case{"\n", 0, 0}}) {
-        interposed::fopen = [&](const char* path, const char*) {
+        interposed::fopen = [&](const char* path, const char* mode) {
             EXPECT_STREQ(path, "/proc/meminfo");
+            EXPECT_STREQ(mode, "re");
             return fmemopen(const_cast<char*>(c.text.data()), c.text.size(), "r");
         };
         EXPECT_EQ(zel_get_total_mem(), c.total) << c.text;
@@ -282,19 +263,6 @@ TEST(RunCommand, ReportsItsOwnFailuresAsText) {
                   {"echo abc", 8, "popen()", 37},
                   {"echo abc", 1, "", 37}});
     EXPECT_EQ(zel_run_command("true", nullptr, 0), 0);
-}
-
-TEST(RunCommand, KeepsItsDescriptorFromOtherChildren) {
-    const auto inheritable = inheritable_descriptors();
-    std::atomic<bool> done{false};
-    char text[10] = "";
-    KernelThread runner(Attributes{1}, [&] {
-        zel_run_command("echo on; sleep 0.2", text, sizeof text);
-        done = true;
-    });
-    while (!done)
-        EXPECT_EQ(inheritable_descriptors(), inheritable);
-    EXPECT_STREQ(text, "on\n");
 }
 
 // Everything at once, for an exit() to come into. All under one priority: the system's own lock of

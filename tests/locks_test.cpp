@@ -9,31 +9,55 @@
 #include <zelkernel/kcall.h>
 #include <zelkernel/kernel.h>
 #include <zelkernel/locks.h>
+#include <zelkernel/routing.h>
 #include <zelkernel/tun.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
 ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
 
 namespace {
 
 using namespace zel::test;
 
-// The library's mutex of the last lock call in the calling thread.
-pthread_mutex_t* mutex_taken_by(const std::function<void()>& action) {
-    pthread_mutex_t* taken = nullptr;
-    interposed::pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
-        taken = mutex;
+// What an operation does with the library's locks in the calling thread.
+struct Locking {
+    pthread_mutex_t* mutex = nullptr; // of the last lock call
+    int held = 0, most_held = 0;
+    int commands_inside = 0, commands_outside = 0;
+};
+
+Locking locking_of(void (*operation)()) {
+    static thread_local Locking* seen;
+    Locking result;
+    seen = &result;
+    interposed::pthread_mutex_lock = [](pthread_mutex_t* mutex) {
+        if (seen != nullptr) {
+            seen->mutex = mutex;
+            seen->most_held = std::max(seen->most_held, ++seen->held);
+        }
         return real::pthread_mutex_lock(mutex);
     };
-    action();
-    interposed::pthread_mutex_lock = nullptr;
-    return taken;
+    interposed::pthread_mutex_unlock = [](pthread_mutex_t* mutex) {
+        if (seen != nullptr)
+            --seen->held;
+        return real::pthread_mutex_unlock(mutex);
+    };
+    interposed::popen = [](const char*, const char* mode) {
+        ++(seen->held != 0 ? seen->commands_inside : seen->commands_outside);
+        return real::popen(":", mode);
+    };
+    operation();
+    seen = nullptr;
+    return result;
 }
 
 struct Ceiling : testing::Test {
@@ -121,21 +145,70 @@ TEST(Switch, MakesEveryGatedCallSucceedWithoutTouchingItsObject) {
     EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST(Switch, IsObeyedByTheRegistryAndTheClockMapButNotByKernelCalls) {
-    KCallIn = KCallOut = KCallList;
-    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-    const auto registry = [] {
-        unsigned int count = 0;
-        getCopyOfCurrentPthreadIds(nullptr, 0, &count);
+// Each operation takes the one lock of its module, never a second one meanwhile, and holds it for
+// the commands that must not be overtaken alone; with the switch off it takes none. Kernel calls
+// know no switch.
+TEST(Locks, AreTakenByEveryOperationThatTouchesSharedState) {
+    static pthread_cond_t cond;
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    enum Module { Registry, Conditions, Network, KernelCalls };
+    const struct {
+        Module module;
+        void (*operation)();
+        int commands_inside = 0, commands_outside = 0;
+    } cases[] = {
+        {Registry,
+         [] {
+             unsigned int count = 0;
+             getCopyOfCurrentPthreadIds(nullptr, 0, &count);
+         }},
+        {Registry,
+         [] {
+             pthread_t id{};
+             __zel_pure_pthread_create(
+                 &id, nullptr, [](void* arg) { return arg; }, nullptr);
+             pthread_join(id, nullptr);
+         }},
+        {Conditions, [] { __wrap_pthread_cond_init(&cond, nullptr); }},
+        {Conditions,
+         [] {
+             const timespec past{1, 0};
+             real::pthread_mutex_lock(&mutex);
+             __wrap_pthread_cond_timedwait(&cond, &mutex, &past);
+             real::pthread_mutex_unlock(&mutex);
+         }},
+        {Conditions, [] { __wrap_pthread_cond_destroy(&cond); }},
+        {Network, [] { zel_external_traffic_match_criteria_add(nullptr, 0, 1, 0, 0); }},
+        {Network, [] { zel_vrf_create(nullptr, 0, "red"); }, 2, 7},
+        {Network, [] { zel_external_traffic_match_criteria_add(nullptr, 0, 2, 0, 0); }, 2, 0},
+        {Network, [] { zel_external_traffic_match_criteria_del(nullptr, 0, 2, 0, 0); }, 2, 0},
+        {Network, [] { zel_external_traffic_match_criteria_del(nullptr, 0, 1, 0, 0); }, 2, 0},
+        {Network, [] { zel_tun_ipv6_mtu(nullptr, 0, "red", 3, 600); }, 0, 1},
+        {Network, [] { zel_tun_ipv4_packet_send(3, "", 1); }},
+        {Network, [] { zel_tun_ipv4_destroy(nullptr, 0, "red", 3); }},
+        {Network, [] { zel_vrf_destroy(nullptr, 0, "red"); }, 0, 1},
+        {KernelCalls, [] { kcall_enqueue(0, 0, 0, 0); }},
+        {KernelCalls, [] { kcall_dequeue(0, 0, 0, 0); }},
     };
-    const auto clock_map = [&] { __wrap_pthread_cond_destroy(&cond); };
-    const auto kernel_call = [] { kcall_dequeue(0, 0, 0, 0); };
-    EXPECT_NE(mutex_taken_by(registry), nullptr);
-    EXPECT_NE(mutex_taken_by(clock_map), nullptr);
-    zel_disable_posix_locks();
-    EXPECT_EQ(mutex_taken_by(registry), nullptr);
-    EXPECT_EQ(mutex_taken_by(clock_map), nullptr);
-    EXPECT_EQ(mutex_taken_by(kernel_call), &kcall_mutex);
+    KCallIn = KCallOut = KCallList;
+    zel_tun_init();
+    for (const bool on : {true, false}) {
+        on ? zel_enable_posix_locks() : zel_disable_posix_locks();
+        pthread_mutex_t* of_module[] = {nullptr, nullptr, nullptr, &kcall_mutex};
+        for (const auto& c : cases) {
+            const Locking seen = locking_of(c.operation);
+            const bool expected = on || c.module == KernelCalls;
+            EXPECT_EQ(seen.mutex != nullptr, expected) << &c - cases;
+            EXPECT_EQ(seen.most_held, expected ? 1 : 0) << &c - cases;
+            EXPECT_EQ(seen.held, 0) << &c - cases;
+            EXPECT_EQ(seen.commands_inside, on ? c.commands_inside : 0) << &c - cases;
+            EXPECT_EQ(seen.commands_inside + seen.commands_outside,
+                      c.commands_inside + c.commands_outside);
+            if (of_module[c.module] == nullptr)
+                of_module[c.module] = seen.mutex;
+            EXPECT_EQ(seen.mutex, of_module[c.module]) << &c - cases;
+        }
+    }
 }
 
 // Switched off between the library's lock and unlock, nothing stays locked.
@@ -153,8 +226,8 @@ TEST(Switch, LeavesNoLockOfTheLibraryHeldWhenTurnedUnderItsFeet) {
     }
     stop = true;
     turner.join();
-    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-    pthread_mutex_t* mutex = mutex_taken_by([&] { __wrap_pthread_cond_destroy(&cond); });
+    static pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    pthread_mutex_t* mutex = locking_of([] { __wrap_pthread_cond_destroy(&cond); }).mutex;
     ASSERT_NE(mutex, nullptr);
     EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
 }

@@ -154,8 +154,7 @@ void add_interface(const char* name, int index, bool is_v6 = false) {
 class Packets : public testing::Test {
 protected:
     void SetUp() override {
-        if (!enter_private_namespaces())
-            GTEST_SKIP() << "namespaces and TUN devices need root: " << strerror(errno);
+        ENTER_PRIVATE_NAMESPACES_OR_SKIP();
         interposed::select = [](int count, auto... arguments) {
             stack.before_select();
             stack.select_count = count;
@@ -294,8 +293,10 @@ TEST_F(Packets, AreNeverReadFromAClosedDescriptor) {
 TEST_F(Packets, AllowTheProcessToExitAtAnyTime) {
     add_interface("red", 3);
     std::thread{[socket = udp_socket("red")] {
-        for (;;)
+        for (;;) {
             send(socket, "x");
+            zel_tun_ipv4_packet_send(3, "x", 1);
+        }
     }}.detach();
     stack.take(); // The case's own process exits now, at the end of the program.
 }

@@ -1,6 +1,7 @@
 // Races under load, and moments that a race would have to hit, brought about.
 #include "support/interpose.hpp"
 #include "support/kernel_thread.hpp"
+#include "support/left_behind.hpp"
 #include "support/manual_tick.hpp"
 #include "support/private_namespaces.hpp"
 #include "support/sanitizers.hpp"
@@ -17,7 +18,6 @@
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <gmock/gmock.h>
 #include <list>
 #include <sys/mman.h>
@@ -36,17 +36,6 @@ namespace {
 using namespace zel::test;
 using Drivers::Api::InterruptProcessing::DeferredServiceRoutine;
 using Drivers::Devices::InterruptProcessing::LinuxDeferredServiceController;
-
-unsigned int registered() {
-    pthread_t ids[64];
-    unsigned int count = 99;
-    getCopyOfCurrentPthreadIds(ids, 64, &count);
-    return count;
-}
-
-ptrdiff_t open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {});
-}
 
 // The routine has made its thread cancellable at any moment; it is cancelled at each call that the
 // library makes on its behalf once the routine has returned.
@@ -77,7 +66,7 @@ TEST(Cancellation, AfterTheRoutineLeavesNeitherLockNorRegistryEntry) {
                       nullptr),
                   0);
         alarm(20); // instead of waiting for a lock for ever
-        EXPECT_TRUE(eventually([] { return registered() == 0; })) << "moment " << moment;
+        EXPECT_TRUE(eventually([] { return registered_threads() == 0; })) << "moment " << moment;
         alarm(0);
     }
 }
@@ -93,7 +82,7 @@ TEST(Cancellation, WithinACommandLeavesNoLockDescriptorOrProcess) {
     };
     static char text[100];
     zel_vrf_create(text, sizeof text, "red");
-    const auto before = open_descriptors();
+    const auto before = open_files();
     for (const auto& operation : {
              +[] { zel_run_command("", text, sizeof text); },
              +[] { zel_vrf_create(text, sizeof text, "blue"); },
@@ -112,8 +101,8 @@ TEST(Cancellation, WithinACommandLeavesNoLockDescriptorOrProcess) {
             pthread_cancel(thread.id);
             thread.join();
             EXPECT_FALSE(finished);
-            EXPECT_TRUE(eventually([] { return registered() == 0; }));
-            EXPECT_EQ(open_descriptors(), before);
+            EXPECT_TRUE(eventually([] { return registered_threads() == 0; }));
+            EXPECT_EQ(open_files(), before);
             EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
             alarm(20); // instead of waiting for a lock for ever
             unsigned char packet = 0;
@@ -200,8 +189,7 @@ void receive(int index, void* handle, int length) {
 }
 
 TEST(TunDevices, ComeAndGoWithoutTouchingAnyOtherDescriptor) {
-    if (!enter_private_namespaces())
-        GTEST_SKIP() << "namespaces and TUN devices need root: " << std::strerror(errno);
+    ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     interposed::popen = [](const char*, const char* mode) { return real::popen(":", mode); };
     // Holds a packet up between the choice of its descriptor and the call, now and then.
     static const auto hold_up = [] {
@@ -288,8 +276,7 @@ std::string rules_of(const std::string& instance) {
 }
 
 TEST(Criteria, ReachEachInstanceOnceWhileBothChangeFromSeveralThreads) {
-    if (!enter_private_namespaces())
-        GTEST_SKIP() << "namespaces need root: " << std::strerror(errno);
+    ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     // One command takes longer than another: without the lock they would overtake each other.
     static std::atomic<unsigned> count;
     interposed::popen = [](const char* command, const char* mode) {

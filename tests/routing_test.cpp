@@ -5,13 +5,10 @@
 #include <zelkernel/routing.h>
 #include <zelkernel/tun.h>
 
-#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
-#include <set>
-#include <thread>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -143,26 +140,8 @@ TEST(Routing, TextIsCutToTheBufferAndEveryCommandStillRuns) {
     }
 }
 
-TEST(Routing, EachCriterionReachesEachInstanceOnceWhenBothComeAtTheSameTime) {
-    auto& recorder = record_commands(true);
-    std::atomic<size_t> instances = 0, criteria = 0;
-    zel_vrf_create(nullptr, 0, "first"); // so that an addition takes time from the beginning
-    std::thread others{[&] {
-        while (++instances < 8)
-            zel_vrf_create(nullptr, 0, std::to_string(instances).c_str());
-    }};
-    while (instances < 8)
-        zel_external_traffic_match_criteria_add(nullptr, 0, static_cast<int>(++criteria), 0, 0);
-    others.join();
-    Strings commands = recorder.take();
-    std::erase_if(commands, [](auto& each) { return each.find("mangle") == std::string::npos; });
-    EXPECT_EQ(commands.size(), 2 * criteria * instances);
-    EXPECT_EQ(std::set(commands.begin(), commands.end()).size(), commands.size());
-}
-
 TEST(Routing, InstancesGetTheirPolicyAndStartUpRemovesThem) {
-    if (!zel::test::enter_private_namespaces())
-        GTEST_SKIP() << "namespaces need root: " << strerror(errno);
+    ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     zel_external_traffic_match_criteria_add(text, size, 17, 0, 53);
     for (const char* name : {"red", "blue"}) {
         zel_vrf_create(text, size, name);

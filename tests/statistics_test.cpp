@@ -41,10 +41,7 @@ const zel_statistics* find_statistics() {
 
 class Statistics : public testing::Test {
 protected:
-    void SetUp() override {
-        if (!enter_private_namespaces())
-            GTEST_SKIP() << "no right to make namespaces";
-    }
+    void SetUp() override { ENTER_PRIVATE_NAMESPACES_OR_SKIP(); }
 };
 
 TEST_F(Statistics, AreNotPublishedUnlessAskedFor) {

@@ -200,8 +200,7 @@ TEST(Creation, ReportsAFailingStepAndGoesOn) {
 }
 
 TEST(Creation, LeavesNothingBehindWhenRefused) {
-    if (!can_fail_allocations)
-        GTEST_SKIP() << "the sanitizer has its own allocator";
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
     Attributes accepted{1};
     const auto refuse = [&](int failing_allocation, int expected) {
         pthread_t id = 1;
@@ -271,13 +270,14 @@ TEST(Registry, ForgetsAThreadHoweverItEnds) {
     setThreadAffinityCPU0();
     for (int priority : {5, 20}) {
         for (int i = 0; i < 100; ++i) {
-            KernelThread returns(Attributes{priority}, [] {});
-            KernelThread exits(Attributes{priority}, [] { pthread_exit(nullptr); });
+            // First: an id that is left would go with a later thread that got it again.
             KernelThread waits(Attributes{priority}, [] {
                 sem_t never;
                 sem_init(&never, 0, under_thread_sanitizer); // which loses track when cancelled
                 sem_wait(&never);
             });
+            KernelThread returns(Attributes{priority}, [] {});
+            KernelThread exits(Attributes{priority}, [] { pthread_exit(nullptr); });
             EXPECT_TRUE(under_thread_sanitizer || pthread_cancel(waits.id) == 0);
             for (KernelThread* thread : {&returns, &exits, &waits})
                 thread->join();
@@ -483,6 +483,7 @@ TEST(Affinity, CountIsTheLastLinePrintedAndAtLeastOne) {
         num_processors = 0;
         interposed::popen = [instead = command](const char* given, const char* mode) {
             EXPECT_STREQ(given, "grep -c processor /proc/cpuinfo");
+            EXPECT_STREQ(mode, "re");
             return real::popen(instead, mode);
         };
         EXPECT_EQ(getNumOfCpus(), expected) << command;

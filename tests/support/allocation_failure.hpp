@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <gtest/gtest.h>
 
 namespace zel::test {
 
@@ -17,6 +18,10 @@ namespace zel::test {
 constexpr bool can_fail_allocations = !under_address_sanitizer && !under_thread_sanitizer;
 
 } // namespace zel::test
+
+#define SKIP_IF_ALLOCATIONS_CANNOT_FAIL()                                                          \
+    if (!zel::test::can_fail_allocations)                                                          \
+    GTEST_SKIP() << "the sanitizer has its own allocator"
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void* __libc_malloc(size_t size);

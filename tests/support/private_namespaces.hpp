@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cerrno>
+#include <cstring>
+#include <gtest/gtest.h>
 #include <string>
 
 namespace zel::test {
@@ -17,3 +20,7 @@ int socket_in_namespace(const std::string& name, int family, int type);
 std::string shell(const std::string& command);
 
 } // namespace zel::test
+
+#define ENTER_PRIVATE_NAMESPACES_OR_SKIP()                                                         \
+    if (!zel::test::enter_private_namespaces())                                                    \
+    GTEST_SKIP() << "no private namespaces: " << std::strerror(errno)
