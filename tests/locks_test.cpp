@@ -38,7 +38,6 @@ struct Locking {
 Locking locking_of(void (*operation)()) {
     static thread_local Locking* seen;
     Locking result;
-    seen = &result;
     interposed::pthread_mutex_lock = [](pthread_mutex_t* mutex) {
         if (seen != nullptr) {
             seen->mutex = mutex;
@@ -55,6 +54,7 @@ Locking locking_of(void (*operation)()) {
         ++(seen->held != 0 ? seen->commands_inside : seen->commands_outside);
         return real::popen(":", mode);
     };
+    seen = &result; // only now: setting a hook may take locks, too
     operation();
     seen = nullptr;
     return result;
