@@ -81,15 +81,15 @@ struct Peer {
 
 void* exchange_all_the_time(void* argument) {
     setThreadAffinityAllCpus();
-    const auto [instance, family] = *static_cast<const Peer*>(argument);
-    const bool is_v4 = family == AF_INET;
-    const auto flow_to = [&, f = family](const Interface& through, const char* to, int port) {
-        return Flow(instance->name, through, f, to, port);
+    const Peer& peer = *static_cast<const Peer*>(argument);
+    const bool is_v4 = peer.family == AF_INET;
+    const auto flow_to = [&peer](const Interface& through, const char* to, int port) {
+        return Flow(peer.instance->name, through, peer.family, to, port);
     };
-    Flow inside =
-        flow_to(instance->inside, is_v4 ? plan::stack_ipv4 : plan::stack_ipv6, plan::ordinary_port);
-    Flow external = flow_to(instance->external, is_v4 ? plan::external_ipv4 : plan::external_ipv6,
-                            plan::external_port);
+    Flow inside = flow_to(peer.instance->inside, is_v4 ? plan::stack_ipv4 : plan::stack_ipv6,
+                          plan::ordinary_port);
+    Flow external = flow_to(peer.instance->external,
+                            is_v4 ? plan::external_ipv4 : plan::external_ipv6, plan::external_port);
     while (!stopping() && inside.exchange(window) && external.exchange(window)) {
         usleep(10'000);
     }

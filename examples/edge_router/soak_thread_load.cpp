@@ -19,7 +19,7 @@ namespace soak {
 
 namespace {
 
-constexpr std::uint32_t most_at_a_time = 64;
+constexpr std::size_t most_at_a_time = 64;
 
 std::atomic<bool> working{false};
 std::atomic<std::uint32_t> created{0};

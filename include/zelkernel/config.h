@@ -8,8 +8,9 @@
 /* With 64-bit time on a 32-bit target the C library renames its calls (clock_gettime becomes
  * __clock_gettime64, ...): they would pass by the wrapping, and struct timespec would not have the
  * 8-byte layout the library was built with. */
-#if UINTPTR_MAX == 0xffffffffu && (defined(__USE_TIME_BITS64) || (defined(_TIME_BITS) && _TIME_BITS == 64))
-#error "libzelkernel uses 32-bit time on 32-bit targets: compile without -D_TIME_BITS=64, whose calls would bypass the wrapping."
+#if UINTPTR_MAX == 0xffffffffu &&                                                                  \
+    (defined(__USE_TIME_BITS64) || (defined(_TIME_BITS) && _TIME_BITS == 64))
+#error "libzelkernel uses 32-bit time on 32-bit targets: -D_TIME_BITS=64 would bypass the wrapping"
 #endif
 
 #ifdef __cplusplus

@@ -28,7 +28,7 @@ void TunDescriptor::count_as(int family, int index) {
     counters_ = claim_device_counters(family == AF_INET ? 4 : 6, index, uncounted);
 }
 
-void TunDescriptor::end_device_with_descriptor() {
+void TunDescriptor::end_device_with_descriptor() const {
     ioctl(fd_, TUNSETPERSIST, 0);
 }
 

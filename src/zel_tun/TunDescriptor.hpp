@@ -28,7 +28,7 @@ public:
     // From here on the device ends with its last open descriptor. The deletion command alone would
     // not do: Linux refuses to delete a device that a sender of this process, or a child between
     // fork and exec, still has open.
-    void end_device_with_descriptor();
+    void end_device_with_descriptor() const;
 
     // Leaves the descriptor open for the process's life. Under the module's lock.
     void keep_open() { keep_open_ = true; }

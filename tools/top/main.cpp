@@ -34,13 +34,16 @@ bool parse_number(std::string_view text, int lowest, int highest, int& number) {
            number >= lowest && number <= highest;
 }
 
+bool parse_option(std::string_view name, const char* value, Options& options) {
+    return (name == "--delay" && parse_number(value, 1, 3600, options.delay)) ||
+           (name == "--count" && parse_number(value, 1, 1'000'000, options.count));
+}
+
 bool parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : "";
-        if (argument == "--delay" && parse_number(value, 1, 3600, options.delay)) {
-            ++i;
-        } else if (argument == "--count" && parse_number(value, 1, 1'000'000, options.count)) {
+        if (parse_option(argument, value, options)) {
             ++i;
         } else if (options.pid != 0 || !parse_number(argument, 1, 1 << 30, options.pid)) {
             return false;
