@@ -3,8 +3,11 @@
 
 #include <zelkernel/clock.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <limits>
 
 namespace {
 
@@ -25,7 +28,9 @@ timespec split(long long count, long long per_second) {
 } // namespace
 
 int __wrap_sleep(unsigned int seconds) {
-    return sleep_for({static_cast<time_t>(seconds), 0});
+    // Of 32 bits, time_t cannot hold all; a sleep for ever by -1 must not become an error.
+    constexpr uint64_t longest = std::numeric_limits<time_t>::max();
+    return sleep_for({static_cast<time_t>(std::min<uint64_t>(seconds, longest)), 0});
 }
 
 int __wrap_usleep(useconds_t usec) {

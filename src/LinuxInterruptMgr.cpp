@@ -1,5 +1,6 @@
 // The interrupt manager. Its state is class-wide and has no lock: the application sets up its
 // drivers from one thread at a time, and the interrupt thread touches only interruptChannelId.
+#include "FifoAttributes.hpp"
 #include "InterruptPlatform.hpp"
 #include "KernelState.hpp"
 #include "NeverDestroyed.hpp"
@@ -51,14 +52,9 @@ LinuxInterruptMgr::~LinuxInterruptMgr() = default;
 
 void LinuxInterruptMgr::initialize() {
     priority = zel::linux_priority(kernel_priorities.interrupt_thread_priority);
-    pthread_attr_t attr;
-    __wrap_pthread_attr_init(&attr);
-    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-    sched_param param{};
-    param.sched_priority = priority;
-    pthread_attr_setschedparam(&attr, &param);
-    const int result = __zel_pure_pthread_create(&pthreadId, &attr, InterruptThread, nullptr);
+    zel::FifoAttributes attributes{priority};
+    const int result =
+        __zel_pure_pthread_create(&pthreadId, attributes.get(), InterruptThread, nullptr);
     if (zel::report_failure(result, "LinuxInterruptMgr::initialize") != 0)
         zel_fatal("Could not create the interrupt thread.", "src/LinuxInterruptMgr", __LINE__);
     waitOnInterruptThread();

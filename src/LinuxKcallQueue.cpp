@@ -5,6 +5,7 @@
 // releases it around each queued call. The system's lock calls are used throughout: the posix locks
 // switch must not open the queue to races with its own thread.
 #include "ErrorLine.hpp"
+#include "FifoAttributes.hpp"
 #include "KernelState.hpp"
 #include "Statistics.hpp"
 #include "Uptime.hpp"
@@ -174,15 +175,9 @@ void* kcall_thread_body(void*) {
 }
 
 pthread_t start_thread() {
-    pthread_attr_t attr;
-    __wrap_pthread_attr_init(&attr);
-    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-    sched_param param{};
-    param.sched_priority = zel::linux_priority(kernel_priorities.kcall_thread_priority);
-    pthread_attr_setschedparam(&attr, &param);
+    zel::FifoAttributes attributes{zel::linux_priority(kernel_priorities.kcall_thread_priority)};
     pthread_t thread{};
-    if (__zel_pure_pthread_create(&thread, &attr, kcall_thread_body, nullptr) != 0)
+    if (__zel_pure_pthread_create(&thread, attributes.get(), kcall_thread_body, nullptr) != 0)
         zel_fatal("Could not create KCALL thread.", module_file, 145);
     return thread;
 }

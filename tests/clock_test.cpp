@@ -6,6 +6,7 @@
 #include <zelkernel/system.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <string>
@@ -42,6 +43,8 @@ TEST(Sleep, AsksForItsTimeAndGoesOnWithWhatRemained) {
     };
     for (const Case& c :
          {Case{[] { return __wrap_sleep(3); }, 3'000'000'000},
+          Case{[] { return __wrap_sleep(UINT_MAX); },
+               (sizeof(time_t) == 4 ? 2'147'483'647 : 4'294'967'295) * 1'000'000'000},
           Case{[] { return __wrap_usleep(2'500'000); }, 2'500'000'000},
           Case{[] { return __wrap_usleep(4'294'967'295); }, 4'294'967'295'000},
           Case{[] { return __wrap_usleep(0); }, 0},

@@ -261,12 +261,15 @@ TEST(Commands, OfTheCleanUpThatCannotBeStartedAreReportedAndTheScanGoesOn) {
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     for (const char* name : {"/run/netns/1", "/run/netns/2"})
         std::ofstream{name};
-    interposed::popen = [](auto...) {
+    static std::string commands;
+    interposed::popen = [](const char* command, auto) {
+        commands += command;
         errno = EAGAIN;
         return nullptr;
     };
     const std::string printed = printed_on(1, remove_all_network_namespaces);
     for (const char* name : {"1", "2"}) {
+        EXPECT_THAT(commands, testing::HasSubstr("ip netns del \"" + std::string{name} + "\""));
         EXPECT_THAT(printed,
                     testing::HasSubstr("Removing network namespace \"" + std::string{name} +
                                        "\"\r\npopen() failed; Resource temporarily "

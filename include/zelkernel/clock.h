@@ -12,7 +12,8 @@ ZEL_BEGIN_DECLS
 
 /* Sleep for the whole time: a sleep that a signal cuts short is resumed for what remained. Return 0
  * after it (sleep too: never a remainder), or -1 with errno; a negative `ms` gives EINVAL. usec may
- * be any 32-bit value, a second and more included. */
+ * be any 32-bit value, a second and more included; where time_t has 32 bits, the longest sleep has
+ * 2147483647 seconds. */
 ZEL_EXPORT int __wrap_sleep(unsigned int seconds);
 ZEL_EXPORT int __wrap_usleep(useconds_t usec);
 ZEL_EXPORT int sleepMs(int ms);

@@ -1,4 +1,5 @@
 // The receive thread.
+#include "FifoAttributes.hpp"
 #include "PendingDeletes.hpp"
 #include "ReceiveSnapshot.hpp"
 #include "State.hpp"
@@ -110,19 +111,15 @@ void* zel_tun_packet_receive(void* argument) {
 }
 
 int create_receive_thread(Receiver* receiver, int priority) {
-    pthread_attr_t attr;
-    __wrap_pthread_attr_init(&attr);
-    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-    sched_param param{};
-    param.sched_priority = priority;
-    __wrap_pthread_attr_setschedparam(&attr, &param);
+    FifoAttributes attributes;
+    const sched_param param{priority};
+    __wrap_pthread_attr_setschedparam(attributes.get(), &param);
     pthread_t thread{};
-    const int result = __wrap_pthread_create(&thread, &attr, zel_tun_packet_receive, receiver);
+    const int result =
+        __wrap_pthread_create(&thread, attributes.get(), zel_tun_packet_receive, receiver);
     // Without a TUN driver the thread, detached, may be gone by now and must not be touched.
     if (result == 0 && state->rx_wakeup_read_fd != -1)
         __wrap_pthread_setname_np(thread, "IpStackSyncRxPacket");
-    pthread_attr_destroy(&attr);
     return result;
 }
 
