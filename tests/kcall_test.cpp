@@ -16,6 +16,7 @@
 #include <csignal>
 #include <gmock/gmock.h>
 #include <list>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -43,10 +44,14 @@ void other(zel_word_t a, zel_word_t, zel_word_t) {
 }
 
 struct Queue : testing::Test {
-    void tick() { ASSERT_TRUE(ticks.tick()); }
+    void SetUp() override {
+        ticks.emplace(kcall_priority);
+        info = thread_named("KCall");
+    }
+    void tick() { ASSERT_TRUE(ticks->tick()); }
 
-    ManualTick ticks{kcall_priority};
-    ThreadInfo info = thread_named("KCall");
+    std::optional<ManualTick> ticks;
+    ThreadInfo info;
 };
 
 TEST_F(Queue, KeepsItsThreadAsTheKernelShowsIt) {
@@ -70,7 +75,7 @@ TEST_F(Queue, KeepsItsThreadAsTheKernelShowsIt) {
     unsigned int count = 0;
     pthread_t id = 0;
     getCopyOfCurrentPthreadIds(&id, 1, &count);
-    EXPECT_EQ(id, ticks.thread);
+    EXPECT_EQ(id, ticks->thread);
     EXPECT_EQ(zel_get_current_context(), 0);
 }
 
@@ -141,7 +146,7 @@ TEST_F(Queue, DoesNothingAtATickWhileTheApplicationSetsTheLevel) {
     kcall_enqueue(word(note), 1, 0, 0);
     KCallLevel = 3;
     kcall_dequeue(word(note), 1, 0, 0);
-    ticks.signal();
+    ticks->signal();
     EXPECT_TRUE(eventually([&] { return (thread_info(info.tid).signals("SigPnd")) == 0; }));
     pthread_mutex_lock(&kcall_mutex);
     EXPECT_EQ(polls, 0);
@@ -154,7 +159,7 @@ TEST_F(Queue, DoesNothingAtATickWhileTheApplicationSetsTheLevel) {
     pthread_mutex_lock(&kcall_mutex);
     KCallRunPoller = nullptr;
     pthread_mutex_unlock(&kcall_mutex);
-    ticks.signal();
+    ticks->signal();
     EXPECT_TRUE(eventually(ManualTick::idle));
     EXPECT_THAT(ran, ElementsAre(1, 2));
 }
@@ -185,7 +190,7 @@ TEST_F(Queue, RunsEachCallOfManyThreadsOnceOrCancelsIt) {
                     if (i % 3 == 0)
                         kcall_dequeue(word(run), id, 0, 0);
                     if (i % 10 == 0)
-                        ticks.signal();
+                        ticks->signal();
                 }
             });
         }
