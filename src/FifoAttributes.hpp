@@ -8,7 +8,7 @@
 namespace zel {
 
 // Attributes of a thread of the library's own: the kernel's stack and SCHED_FIFO, whatever its
-// creator has. The priority is still to be set.
+// creator has. Made without a priority, they still need one.
 class FifoAttributes {
 public:
     FifoAttributes() {

@@ -43,8 +43,8 @@ ZEL_EXPORT int64_t zel_get_starttime_in_ns(void);
  *
  * Blocks until the command has ended; a signal does not cut that short, nor does the cancellation
  * of the calling thread, which takes effect then. The descriptor in between is close-on-exec.
- * Standard error is the process's own unless the command says 2>&1. The command has the caller's
- * policy, priority and processors: of a SCHED_FIFO thread's command, all that is below waits. */
+ * Standard error is the process's own unless the command says 2>&1. The command runs with the
+ * caller's policy, priority and processors: threads below a SCHED_FIFO caller wait for it. */
 ZEL_EXPORT int zel_run_command(const char* command, char* output, size_t output_size);
 
 ZEL_END_DECLS
