@@ -1,7 +1,7 @@
 # Libraries of the benchmarks and of the edge router for a cross build: the cross compiler's tree
 # does not have them, Debian's packages for the target do. They are unpacked below build/, not
 # installed. Without them (no network) what needs them is left out of the build, and that is said.
-set(ZEL_TARGET_PACKAGES libbenchmark-dev libbenchmark1debian liblwip-dev liblwip0)
+set(ZEL_TARGET_PACKAGES libbenchmark-dev libbenchmark1debian liblwip-dev liblwip0 systemtap-sdt-dev)
 list(TRANSFORM ZEL_TARGET_PACKAGES APPEND ":${ZELKERNEL_DEBIAN_TARGET}")
 set(ZEL_TARGET_PACKAGES_DIR "${PROJECT_SOURCE_DIR}/build/target-packages")
 

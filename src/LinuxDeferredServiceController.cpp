@@ -1,5 +1,7 @@
 // Deferred service routines, by way of the kernel-call queue. The one controller is made at
 // start-up and has no state.
+#include "Probes.hpp"
+
 #include <zelkernel/deferred_service.hpp>
 #include <zelkernel/kcall.h>
 
@@ -11,7 +13,9 @@ namespace {
 
 // A kernel call; the routine is its first argument.
 void runDeferredServiceRoutine(zel_word_t routine, zel_word_t, zel_word_t) {
+    ZEL_PROBE(deferred_begin, routine);
     reinterpret_cast<DeferredServiceRoutine*>(routine)->dsr();
+    ZEL_PROBE(deferred_end, routine);
 }
 
 zel_word_t word(DeferredServiceRoutine* routine) {
@@ -41,6 +45,7 @@ void LinuxDeferredServiceController::now(DeferredServiceRoutine* routine) {
 }
 
 void LinuxDeferredServiceController::defer(DeferredServiceRoutine* routine) {
+    ZEL_PROBE(defer, routine);
     kcall_enqueue(run_routine, word(routine), 0, 0);
 }
 

@@ -4,6 +4,7 @@
 #include "InterruptPlatform.hpp"
 #include "KernelState.hpp"
 #include "NeverDestroyed.hpp"
+#include "Probes.hpp"
 #include "SystemCallReport.hpp"
 
 #include <zelkernel/affinity.h>
@@ -68,8 +69,10 @@ void* LinuxInterruptMgr::InterruptThread(void*) {
     const int fd = zel::platform::open_pulse_fd();
     for (;;) {
         auto* source = static_cast<LinuxInterruptSource*>(zel::platform::wait_for_pulse(fd));
-        if (source != nullptr)
+        if (source != nullptr) {
+            ZEL_PROBE(pulse, source);
             source->process();
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 // the interrupt thread reads `isr` once per pulse.
 #include "ErrorLine.hpp"
 #include "InterruptPlatform.hpp"
+#include "Probes.hpp"
 #include "Statistics.hpp"
 
 #include <zelkernel/interrupt_source.hpp>
@@ -92,7 +93,9 @@ void LinuxInterruptSource::enableControl() {}
 void LinuxInterruptSource::ignoreControl() {}
 
 void LinuxInterruptSource::process() {
+    ZEL_PROBE(service_begin, interruptVector);
     isr->isr();
+    ZEL_PROBE(service_end, interruptVector);
     zel::count_interrupt(static_cast<uint32_t>(interruptVector));
     enable();
 }

@@ -7,6 +7,7 @@
 #include "ErrorLine.hpp"
 #include "FifoAttributes.hpp"
 #include "KernelState.hpp"
+#include "Probes.hpp"
 #include "Statistics.hpp"
 #include "Uptime.hpp"
 
@@ -52,9 +53,18 @@ pthread_t kcall_thread;
 // The period in nanoseconds; all zero leaves the timer unarmed.
 timespec tick_period;
 
+void lock_queue() {
+    const bool waits = zel::is_held(kcall_mutex);
+    if (waits) [[unlikely]]
+        ZEL_PROBE(lock_wait, &kcall_mutex);
+    pthread_mutex_lock(&kcall_mutex);
+    if (waits) [[unlikely]]
+        ZEL_PROBE(lock_taken, &kcall_mutex);
+}
+
 class QueueLock {
 public:
-    QueueLock() { pthread_mutex_lock(&kcall_mutex); }
+    QueueLock() { lock_queue(); }
     ~QueueLock() { pthread_mutex_unlock(&kcall_mutex); }
     QueueLock(const QueueLock&) = delete;
     QueueLock& operator=(const QueueLock&) = delete;
@@ -64,7 +74,7 @@ public:
 class QueueUnlock {
 public:
     QueueUnlock() { pthread_mutex_unlock(&kcall_mutex); }
-    ~QueueUnlock() { pthread_mutex_lock(&kcall_mutex); }
+    ~QueueUnlock() { lock_queue(); }
     QueueUnlock(const QueueUnlock&) = delete;
     QueueUnlock& operator=(const QueueUnlock&) = delete;
 };
@@ -127,6 +137,7 @@ void wait_for_tick() {
     int signal = 0;
     while (sigwait(&mask, &signal) != 0) {
     }
+    ZEL_PROBE(tick);
     zel::count(zel::statistics->ticks);
     if (zel::statistics_are_published())
         measure_lateness();
@@ -134,8 +145,10 @@ void wait_for_tick() {
 
 void run_call(const KernelCall& call) {
     const QueueUnlock unlocked;
+    ZEL_PROBE(call_begin, call.function, call.arguments[0]);
     reinterpret_cast<KernelCallFunction>(call.function)(call.arguments[0], call.arguments[1],
                                                         call.arguments[2]);
+    ZEL_PROBE(call_end);
 }
 
 void count_pending_calls() {
@@ -164,8 +177,11 @@ void run_tick() {
     const QueueLock lock;
     if (KCallLevel != 0)
         return;
-    if (KCallRunPoller != nullptr)
+    if (KCallRunPoller != nullptr) {
+        ZEL_PROBE(poller_begin);
         KCallRunPoller();
+        ZEL_PROBE(poller_end);
+    }
     if (KCallIn != KCallOut)
         run_pending_calls();
 }

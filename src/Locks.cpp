@@ -2,6 +2,7 @@
 #include "PosixLock.hpp"
 #include "PosixLocksSwitch.hpp"
 #include "PriorityShift.hpp"
+#include "Probes.hpp"
 
 #include <zelkernel/locks.h>
 
@@ -17,10 +18,15 @@ using zel::posix_locks_are_on;
 namespace {
 
 int lock(pthread_mutex_t* mutex) {
+    const bool waits = zel::is_held(*mutex);
+    if (waits) [[unlikely]]
+        ZEL_PROBE(lock_wait, mutex);
     int result = 0;
     do {
         result = pthread_mutex_lock(mutex);
     } while (result == ETIMEDOUT);
+    if (waits) [[unlikely]]
+        ZEL_PROBE(lock_taken, mutex);
     return result;
 }
 

@@ -1,5 +1,6 @@
 // Priorities in the application's numbering, the kernel's stack policy, and thread names.
 #include "PriorityShift.hpp"
+#include "Probes.hpp"
 #include "Stack.hpp"
 #include "SystemCallReport.hpp"
 
@@ -63,6 +64,7 @@ int __wrap_sched_get_priority_max(int) {
 }
 
 int __wrap_pthread_setname_np(pthread_t thread, const char* name) {
+    ZEL_PROBE(thread_named, thread, name);
     constexpr size_t limit = 15; // the system's, without the terminator
     if (strnlen(name, limit + 1) <= limit)
         return pthread_setname_np(thread, name);

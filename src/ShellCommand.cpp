@@ -1,4 +1,6 @@
 // zel_run_command: the shell commands of the network module.
+#include "Probes.hpp"
+
 #include <zelkernel/system.h>
 
 #include <cerrno>
@@ -12,10 +14,14 @@ namespace {
 // the descriptor nor the command's process behind.
 class Command {
 public:
-    explicit Command(const char* text) : stream_(popen(text, "re")) {}
+    explicit Command(const char* text) {
+        ZEL_PROBE(command_begin, text);
+        stream_ = popen(text, "re");
+    }
     ~Command() {
         if (stream_ != nullptr)
             pclose(stream_);
+        ZEL_PROBE(command_end);
     }
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
@@ -24,7 +30,7 @@ public:
     int close() { return pclose(std::exchange(stream_, nullptr)); }
 
 private:
-    FILE* stream_;
+    FILE* stream_ = nullptr;
 };
 
 // Reads until the end of the stream or until `room` characters are stored. A signal handler of the

@@ -7,6 +7,7 @@
 #include "NeverDestroyed.hpp"
 #include "PosixLock.hpp"
 #include "PosixLocksSwitch.hpp"
+#include "Probes.hpp"
 #include "Stack.hpp"
 #include "SystemCallReport.hpp"
 
@@ -35,6 +36,7 @@ pthread_mutex_t current_pthread_ids_mutex = [] {
 }();
 
 void unregister_calling_thread(void*) {
+    ZEL_PROBE(thread_end);
     const zel::PosixLock lock{current_pthread_ids_mutex};
     current_pthread_ids->erase(pthread_self());
 }
@@ -149,6 +151,7 @@ int __zel_pure_pthread_create(pthread_t* thread, const pthread_attr_t* attr,
             errno = result;
             return result;
         }
+        ZEL_PROBE(thread_created, start_routine, arg);
         node.value() = id;
         current_pthread_ids->insert(std::move(node));
     }
@@ -171,6 +174,7 @@ void* thread_func(void* block) {
     pthread_setspecific(end_of_thread_key, &end_of_thread_key);
     setThreadAffinityCPU0();
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    ZEL_PROBE(thread_begin, start.start_routine, start.arg);
     start.start_routine(start.arg);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setspecific(end_of_thread_key, nullptr);

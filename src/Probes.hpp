@@ -1,0 +1,39 @@
+// Static probe points: places that a tracer (zelkernel-trace, perf, bpftrace) can stop by from
+// outside, in the format of SystemTap's sys/sdt.h, provider `zelkernel`. Each is one no-operation
+// instruction and a note that is not loaded. Built without that header there are none.
+//
+// Arguments are values at hand: one that had to be computed would cost time with nobody looking.
+//
+//   tick                            the kernel-call thread has taken a tick
+//   poller_begin, poller_end
+//   call_begin, call_end            function, first argument
+//   pulse                           source: the interrupt thread has one to serve
+//   service_begin, service_end      vector
+//   defer, deferred_begin, deferred_end   the deferred routine
+//   thread_created                  start routine, argument: in the creator
+//   thread_begin, thread_end        start routine, argument: in the thread
+//   thread_named                    pthread_t, text
+//   packet_read, packet_sent        IP version, interface index, bytes
+//   lock_wait, lock_taken           mutex: only of a lock that another thread holds
+//   command_begin, command_end      text
+#pragma once
+
+#include <pthread.h>
+
+#if ZEL_HAVE_SDT
+#define SDT_USE_VARIADIC 1
+#include <sys/sdt.h>
+#define ZEL_PROBE(...) STAP_PROBEV(zelkernel, __VA_ARGS__)
+#else
+#define ZEL_PROBE(...) static_cast<void>(0)
+#endif
+
+namespace zel {
+
+// Whether some thread holds the lock at this moment, without touching it: glibc notes the owner.
+// For the probes of contended locks only, where nothing depends on the answer.
+inline bool is_held(const pthread_mutex_t& mutex) {
+    return ZEL_HAVE_SDT && __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED) != 0;
+}
+
+} // namespace zel
