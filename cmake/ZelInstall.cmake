@@ -28,6 +28,15 @@ if(TARGET zelkernel_simulated)
     DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
 endif()
 
+# The name of the routing table for external traffic. The ip tool reads it from /etc, which is
+# outside the prefix /usr; any other prefix keeps a copy for its owner to put there.
+install(CODE [[set(sysconfdir "${CMAKE_INSTALL_PREFIX}/etc")
+  if(CMAKE_INSTALL_PREFIX MATCHES "^(.*)/usr$")
+    set(sysconfdir "${CMAKE_MATCH_1}/etc")
+  endif()]] COMPONENT runtime)
+install(CODE "file(INSTALL \"${PROJECT_SOURCE_DIR}/packaging/iproute2/zelkernel.conf\"
+  DESTINATION \"\${sysconfdir}/iproute2/rt_tables.d\")" COMPONENT runtime)
+
 # The CMake package.
 include(CMakePackageConfigHelpers)
 install(EXPORT zelkernel NAMESPACE zelkernel:: FILE zelkernel-targets.cmake

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
@@ -12,9 +13,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr char table_names[] = "/etc/iproute2/rt_tables";
-constexpr char own_table_names[] = "/run/rt_tables";
 
 std::string because(const std::string& what) {
     return what + ": " + std::strerror(errno) + ".";
@@ -32,15 +30,17 @@ bool realtime_allowed() {
     return true;
 }
 
-// The machine's own table names and one more: only this program's ip commands see them.
-bool write_table_names() {
-    std::ofstream own(own_table_names);
-    if (std::ifstream machine(table_names); machine) {
-        own << machine.rdbuf();
-    }
-    own << "\n100 external\n";
-    own.close();
-    return own.good();
+// The machine's own table names and one more: only this program's ip commands see them. Where the
+// names are depends on the release: Debian 13 has no /etc/iproute2 of its own.
+bool know_table_external() {
+    constexpr const char* own = "/run/iproute2";
+    const bool in_etc = access("/etc/iproute2", F_OK) == 0;
+    const char* const names = in_etc ? "/etc/iproute2" : "/usr/share/iproute2";
+    std::error_code error;
+    std::filesystem::copy(names, own, std::filesystem::copy_options::recursive, error);
+    std::filesystem::create_directory("/run/iproute2/rt_tables.d", error);
+    std::ofstream{"/run/iproute2/rt_tables.d/edge_router.conf"} << "100 external\n";
+    return mount(own, names, nullptr, MS_BIND, nullptr) == 0;
 }
 
 } // namespace
@@ -75,8 +75,7 @@ std::optional<std::string> enter_private_machine() {
         mkdir("/run/netns", 0755) != 0) {
         return because("no /run of its own");
     }
-    if (!write_table_names() ||
-        mount(own_table_names, table_names, nullptr, MS_BIND, nullptr) != 0) {
+    if (!know_table_external()) {
         return because("no routing table names of its own");
     }
     return std::nullopt;

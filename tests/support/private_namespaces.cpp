@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
@@ -15,11 +16,17 @@
 namespace zel::test {
 namespace {
 
+// A copy of the ip tool's directory of names, with one more, covers it. Where that is depends on
+// the release: Debian 13 has no /etc/iproute2 of its own.
 bool know_table_external() {
-    constexpr const char* system_tables = "/etc/iproute2/rt_tables";
-    constexpr const char* own_tables = "/run/rt_tables";
-    std::ofstream{own_tables} << std::ifstream{system_tables}.rdbuf() << "100 external\n";
-    return mount(own_tables, system_tables, nullptr, MS_BIND, nullptr) == 0;
+    constexpr const char* own = "/run/iproute2";
+    const bool in_etc = access("/etc/iproute2", F_OK) == 0;
+    const char* const names = in_etc ? "/etc/iproute2" : "/usr/share/iproute2";
+    std::error_code error;
+    std::filesystem::copy(names, own, std::filesystem::copy_options::recursive, error);
+    std::filesystem::create_directory("/run/iproute2/rt_tables.d", error);
+    std::ofstream{"/run/iproute2/rt_tables.d/test.conf"} << "100 external\n";
+    return mount(own, names, nullptr, MS_BIND, nullptr) == 0;
 }
 
 } // namespace

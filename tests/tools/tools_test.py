@@ -129,8 +129,10 @@ class CheckWraps(unittest.TestCase):
 # leave it as it was.
 MACHINE = """set -e
 mount --make-rprivate / && mount -t tmpfs none /run && mkdir /run/netns
-(cat /etc/iproute2/rt_tables; echo 100 external) >/run/tables
-mount --bind /run/tables /etc/iproute2/rt_tables
+names=/etc/iproute2; [ -d $names ] || names=/usr/share/iproute2
+cp -r $names /run/names && mkdir -p /run/names/rt_tables.d
+echo 100 external >/run/names/rt_tables.d/test.conf
+mount --bind /run/names $names
 {script}
 state() {{
     ip -o link; ip rule; ip -6 rule; iptables-save -t mangle | grep -v ^#; ls -R /run; cat /proc/mounts
@@ -166,7 +168,7 @@ class Doctor(unittest.TestCase):
     def test_what_is_missing(self):
         empty = "mount -t tmpfs none /mnt; ln -s $(which sh ip grep true) /mnt; export PATH=/mnt"
         cases = [
-            ({"table name external"}, {"script": "umount /etc/iproute2/rt_tables"}),
+            ({"table name external"}, {"script": "rm $names/rt_tables.d/*.conf"}),
             ({"TUN driver"}, {"script": "mount -t tmpfs none /dev/net"}),
             ({"iptables", "ip6tables", "mark target, IPv4", "mark target, IPv6"}, {"script": empty}),
             ({"real-time rights", "network namespaces"}, {"prefix": "setpriv --bounding-set -all "

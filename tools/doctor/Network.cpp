@@ -106,7 +106,8 @@ constexpr Check networks[] = {
          return all_succeed({IN_INSTANCE "ip rule add pref 120 table external"});
      },
      "the rule for external traffic and all external routes are refused",
-     "echo '100 external' >> /etc/iproute2/rt_tables"},
+     "mkdir -p /etc/iproute2/rt_tables.d && echo '100 external' > "
+     "/etc/iproute2/rt_tables.d/zelkernel.conf"},
     {"mark target, IPv4", MARK_RULE("iptables"),
      "external IPv4 traffic is not marked and leaves by the ordinary routes",
      "use a kernel with CONFIG_IP_NF_MANGLE (or nf_tables) and CONFIG_NETFILTER_XT_TARGET_MARK"},
