@@ -1,0 +1,258 @@
+"""The faults that tests/mutants/run makes: in FILE under src/, OLD becomes NEW, and one of the
+PROGRAMS has to fail. To add one, break what a test should watch over."""
+from typing import NamedTuple
+
+
+class Fault(NamedTuple):
+    name: str
+    file: str
+    old: str
+    new: str
+    programs: list
+
+
+def of(file, *programs):
+    """A maker of faults in one file."""
+    return lambda name, old, new, by=None: Fault(name, "src/" + file, old, new,
+                                                 by.split() if by else list(programs))
+
+
+threads = of("Threads.cpp", "threads_test")
+scheduling = of("Scheduling.cpp", "threads_test")
+affinity = of("Affinity.cpp", "threads_test")
+locks = of("Locks.cpp", "locks_test")
+conditions = of("Conditions.cpp", "conditions_test")
+clock = of("Clock.cpp", "clock_test")
+uptime = of("Uptime.hpp", "clock_test")
+kcall = of("LinuxKcallQueue.cpp", "kcall_test")
+start_up = of("KernelStartUp.cpp", "kernel_test")
+state = of("KernelState.cpp", "kernel_test")
+signals = of("ReservedSignals.cpp", "kernel_test")
+system = of("SystemInformation.cpp", "kernel_test")
+command = of("ShellCommand.cpp", "kernel_test")
+source = of("LinuxInterruptSource.cpp", "interrupts_test")
+manager = of("LinuxInterruptMgr.cpp", "interrupts_test")
+deferred = of("LinuxDeferredServiceController.cpp", "interrupts_test")
+link = of("zel_tun/TunLink.cpp", "routing_test")
+routes = of("zel_tun/Routes.cpp", "routing_test")
+traffic = of("zel_tun/ExternalTraffic.cpp", "routing_test")
+instances = of("zel_tun/RoutingInstances.cpp", "routing_test")
+clean_up = of("zel_tun/NamespaceCleanUp.cpp", "routing_test")
+text = of("zel_tun/OutputText.cpp", "routing_test", "texts_test")
+devices = of("zel_tun/TunDevices.cpp", "tun_test")
+receive = of("zel_tun/PacketReceive.cpp", "packets_test")
+checksum = of("IpAccelerators.cpp", "checksum_test")
+wide = of("OnesComplementSumWide.hpp", "checksum_test")
+fold = of("OnesComplement.hpp", "checksum_test")
+statistics = of("Statistics.cpp", "statistics_test")
+
+FAULTS = [
+    threads("the registry has no lock at removal",
+            "    const zel::PosixLock lock{current_pthread_ids_mutex};\n    current_pthread_ids->erase",
+            "    current_pthread_ids->erase", "threads_test locks_test races_test"),
+    threads("an id is entered after its lock is gone",
+            "        node.value() = id;\n        current_pthread_ids->insert(std::move(node));\n    }\n",
+            "        node.value() = id;\n    }\n    current_pthread_ids->insert(std::move(node));\n"),
+    threads("a refused creation keeps its start block",
+            "    if (result != 0)\n        std::free(block);", ""),
+    threads("threads are joinable", "PTHREAD_CREATE_DETACHED", "PTHREAD_CREATE_JOINABLE"),
+    threads("the creator's scheduling is inherited", "PTHREAD_EXPLICIT_SCHED",
+            "PTHREAD_INHERIT_SCHED"),
+    threads("threads do not start on the first processor", "    setThreadAffinityCPU0();\n", ""),
+    threads("a cancelled thread stays registered",
+            "    pthread_setspecific(end_of_thread_key, &end_of_thread_key);\n", ""),
+    threads("cancellation may hit the end of a thread",
+            "    start.start_routine(start.arg);\n    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, "
+            "nullptr);\n", "    start.start_routine(start.arg);\n", "races_test"),
+    threads("the id is stored though creation is refused",
+            "            errno = result;\n            return result;",
+            "            errno = result;\n            *thread = 0;\n            return result;"),
+    threads("a stack of exactly the caller's address is not taken",
+            "size > zel::minimum_stack_size || address != nullptr", "size > 20 * 4096"),
+    scheduling("a name is cut one letter too early", "strnlen(name, limit + 1) <= limit",
+               "strnlen(name, limit) < limit"),
+    scheduling("a priority is read back unshifted",
+               "zel::to_application_priority(local.sched_priority)", "local.sched_priority"),
+    scheduling("a stack below the minimum is taken",
+               "const size_t size = std::max(stacksize, zel::minimum_stack_size);",
+               "const size_t size = stacksize;"),
+    affinity("the first line printed counts as the number of processors",
+             "number = std::strtol(line, nullptr, 10);",
+             "number = number != 0 ? number : std::strtol(line, nullptr, 10);"),
+    affinity("bits of processors beyond 32 are shifted in", "std::min(cached_count(), 32)",
+             "cached_count()"),
+    affinity("a signal ends the count", "errno != EINTR", "true"),
+
+    locks("a lock is not retried after a timeout", "while (result == ETIMEDOUT)",
+          "while (result == EAGAIN)"),
+    locks("mutexes do not inherit priority", "PTHREAD_PRIO_INHERIT", "PTHREAD_PRIO_NONE"),
+    locks("the library's lock is taken with the switch off",
+          "held_ = posix_locks_are_on() && lock(&mutex_) == 0", "held_ = lock(&mutex_) == 0"),
+    locks("the library's lock is not released once the switch is off",
+          "    if (!held_)\n        return 0;",
+          "    if (!held_ || !posix_locks_are_on())\n        return 0;"),
+    locks("an unlock ignores the switch",
+          "return posix_locks_are_on() ? pthread_mutex_unlock(mutex) : 0",
+          "return pthread_mutex_unlock(mutex)"),
+    locks("a semaphore is shared", "return sem_init(sem, 0, value);",
+          "return sem_init(sem, 1, value);"),
+    locks("a signal ends a timed semaphore wait",
+          "        result = sem_timedwait(sem, abstime);\n    } while (result == -1 && errno == EINTR);",
+          "        result = sem_timedwait(sem, abstime);\n    } while (false);"),
+    locks("the old ceiling is not shifted back", "    *where = zel::to_application_priority(*where);\n",
+          ""),
+
+    conditions("a timed wait keeps the lock of the clocks",
+               "    if (known_clock(cond) != CLOCK_MONOTONIC)\n",
+               "    const clockid_t known = known_clock(cond);\n"
+               "    const zel::PosixLock kept{cond_clock_map_mutex};\n"
+               "    if (known != CLOCK_MONOTONIC)\n",
+               "conditions_test locks_test"),
+    conditions("the clocks have no lock at destruction",
+               "    const zel::PosixLock lock{cond_clock_map_mutex};\n"
+               "    const int result = pthread_cond_destroy(cond);",
+               "    const int result = pthread_cond_destroy(cond);", "conditions_test locks_test"),
+    conditions("a known condition variable changes its clock",
+               "cond_clock_map->try_emplace(key_of(cond), CondClockEntry{cond, clock_of(attr)})",
+               "cond_clock_map->insert_or_assign(key_of(cond), CondClockEntry{cond, clock_of(attr)})"),
+    uptime("a deadline loses its carry", "        result.tv_sec = add_seconds(result.tv_sec, 1);\n", "",
+           "conditions_test"),
+    uptime("the uptime loses its borrow", "        --ts->tv_sec;\n", ""),
+    uptime("a split start time is not checked", "    if (!starttime_is_split()) [[unlikely]] {",
+           "    if (false) {"),
+    clock("the time before a change is the kernel's",
+          "    clock_gettime(clock, &before);\n", "    __wrap_clock_gettime(clock, &before);\n"),
+    clock("every clock but CLOCK_REALTIME is moved",
+          "clock == CLOCK_MONOTONIC ? zel", "clock != CLOCK_REALTIME ? zel"),
+    clock("the callback comes before the change",
+          "    const int result = clock_settime(clock, tp);\n    if (updateRTCFunc != nullptr)\n"
+          "        updateRTCFunc(clock, &before);\n    return result;",
+          "    if (updateRTCFunc != nullptr)\n        updateRTCFunc(clock, &before);\n"
+          "    return clock_settime(clock, tp);"),
+    clock("a sleep starts again after a signal", "nanosleep(&request, &request)",
+          "nanosleep(&request, nullptr)"),
+    clock("milliseconds are microseconds", "split(ms, 1000)", "split(ms, 1'000'000)"),
+    clock("a guard's release leaves it unset",
+          "__atomic_store_n(static_cast<unsigned char*>(guard), 1,",
+          "__atomic_store_n(static_cast<unsigned char*>(guard), 0,", "clock_test wrapping_test"),
+
+    kcall("the queue takes 1024 calls", "    if (entry == KCallOut) {", "    if (false) {"),
+    kcall("a cancellation compares three words",
+          " &&\n           entry.arguments[1] == call.arguments[1] && entry.arguments[2] == "
+          "call.arguments[2]", " && entry.arguments[1] == call.arguments[1]"),
+    kcall("a cancellation acts during a pass",
+          "    const QueueLock lock;\n    if (KCallLevel != 0)\n        return 0;\n",
+          "    const QueueLock lock;\n"),
+    kcall("a call runs under the queue's lock", "    const QueueUnlock unlocked;\n", ""),
+    kcall("the poller runs after the calls",
+          "    if (KCallRunPoller != nullptr)\n        KCallRunPoller();\n"
+          "    if (KCallIn != KCallOut)\n        run_pending_calls();\n",
+          "    if (KCallIn != KCallOut)\n        run_pending_calls();\n"
+          "    if (KCallRunPoller != nullptr)\n        KCallRunPoller();\n"),
+    kcall("an entry is given up before its call runs",
+          "        run_call(*entry);\n        KCallOut = entry;\n",
+          "        KCallOut = entry;\n        run_call(*entry);\n"),
+    kcall("the first tick comes at once", "const itimerspec period{tick_period, tick_period}",
+          "const itimerspec period{tick_period, {0, 1}}"),
+    kcall("the tick signal is not blocked", "    block_tick_signal();\n    start_tick();",
+          "    start_tick();\n    block_tick_signal();", "kcall_test kernel_test"),
+    kcall("the longest period is too long by one", "tick_period_us > longest",
+          "tick_period_us > longest + 1"),
+
+    start_up("the callback is stored after the kernel-call thread runs",
+             "    updateRTCFunc = update_rtc_func;\n    initialize_interrupts_disabled_mutex();\n"
+             "    zel::publish_statistics();\n    start_kernel_calls(run_poller, tick_period_us);\n",
+             "    initialize_interrupts_disabled_mutex();\n    zel::publish_statistics();\n"
+             "    start_kernel_calls(run_poller, tick_period_us);\n"
+             "    updateRTCFunc = update_rtc_func;\n"),
+    start_up("initialized is set before start-up has finished", "    kernel_priorities = priorities;\n",
+             "    kernel_priorities = priorities;\n    initialized = 1;\n"),
+    start_up("the ceiling is not rebased",
+             "zel::linux_priority(kernel_priorities.interrupt_lock_priority)",
+             "kernel_priorities.interrupt_lock_priority"),
+    start_up("shut-down signals stay blocked",
+             "    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);\n", ""),
+    start_up("any DEBUGGER counts", "std::strcmp(debugger, \"TRUE\") == 0", "*debugger != '\\0'"),
+    start_up("namespaces of an earlier run stay", "    remove_all_network_namespaces();\n", ""),
+    state("the kernel-call thread's context is the application's",
+          "return pthread_equal(pthread_self(), zel::kcall_thread_id) != 0", "return 0",
+          "kernel_test kcall_test"),
+    state("the timer's priority is not rebased",
+          "return zel::linux_priority(kernel_priorities.timer_priority)",
+          "return kernel_priorities.timer_priority"),
+    signals("one signal too few shuts down", "shutdown_end = 10", "shutdown_end = 9"),
+    signals("two signals change places", "SIGTERM, SIGHUP, ", "SIGHUP, SIGTERM, "),
+    system("any line with MemFree counts", "std::strstr(line, \"Inactive:\")",
+           "std::strstr(line, \"Inactive\")"),
+    command("the last character is not terminated", "capture(running.stream(), output, output_size - 1)",
+            "capture(running.stream(), output, output_size)"),
+    command("a signal cuts the text", "errno != EINTR", "true"),
+
+    source("a source is not enabled after its pulse",
+           "    zel::count_interrupt(static_cast<uint32_t>(interruptVector));\n    enable();\n",
+           "    zel::count_interrupt(static_cast<uint32_t>(interruptVector));\n"),
+    source("an earlier block is kept", "    if (earlier != interruptId)\n        std::free(earlier);\n",
+           "    (void)earlier;\n"),
+    source("a disconnected source keeps its routine", "    isr = defaultIsr;\n}\n\nvoid "
+           "LinuxInterruptSource::enable", "}\n\nvoid LinuxInterruptSource::enable"),
+    manager("a second manager starts a second thread", "    isInitialized = true;\n", ""),
+    manager("the interrupt thread is not rebased",
+            "zel::linux_priority(kernel_priorities.interrupt_thread_priority)",
+            "kernel_priorities.interrupt_thread_priority"),
+    manager("a pulse of nobody is served", "        if (source != nullptr)\n            source->process();",
+            "        source->process();"),
+    deferred("a release withdraws nothing", "    kcall_dequeue(run_routine, word(routine), 0, 0);",
+             "    kcall_dequeue(run_routine, 0, word(routine), 0);"),
+
+    link("a blank is missing", "\" nodad 2>&1\"", "\"nodad 2>&1\""),
+    link("the MTU is not limited", "std::min(mtu, largest_mtu)", "mtu"),
+    link("an MTU of 0 becomes the size of a read", "if (mtu < 1)", "if (mtu < 0)", "packets_test"),
+    link("the scopes are exchanged", "\" scope link\" : \" scope global\"",
+         "\" scope global\" : \" scope link\""),
+    routes("a gateway's family is the other one", "address_text(family, gateway)",
+           "address_text(AF_INET, gateway)"),
+    traffic("a criterion is added to one tool alone",
+            "        for (const int family : {AF_INET, AF_INET6})\n            commands.push_back("
+            "marking_command(name, family, action, criterion));",
+            "        for (const int family : {AF_INET})\n            commands.push_back("
+            "marking_command(name, family, action, criterion));"),
+    traffic("all equal criteria are removed",
+            "    const auto found = std::find(criteria.begin(), criteria.end(), criterion);\n"
+            "    if (found != criteria.end())\n        criteria.erase(found);\n",
+            "    criteria.remove(criterion);\n"),
+    traffic("commands run without the lock",
+            "        const PosixLock lock{state->fd_map_mutex};\n        const auto commands = "
+            "commands_for_all",
+            "        PosixLock lock{state->fd_map_mutex};\n        lock.release();\n"
+            "        const auto commands = commands_for_all", "locks_test races_test"),
+    instances("the table external comes after local", "mark_preference = \"100\"",
+              "mark_preference = \"120\""),
+    instances("a destroyed instance keeps its devices in use",
+              "    info->second.descriptor->keep_open();\n", "", "tun_test"),
+    clean_up("hidden entries are deleted, too", "if (entry->d_name[0] != '.')",
+             "if (entry->d_name[1] != '.' && entry->d_name[1] != '\\0')"),
+    text("a later command overwrites an earlier one's text", "    length_ += strnlen(",
+         "    length_ = strnlen("),
+    devices("a refused device keeps its descriptor's number unchecked", ">= FD_SETSIZE",
+            "> FD_SETSIZE"),
+    devices("a device is left in another instance's list",
+            "    forget_in_its_instance(descriptor->number());\n",
+            "    forget_in_its_instance(-1);\n"),
+    receive("a buffer is not given back when a read fails", "        callbacks_.free_buffer(handle);\n",
+            "", "packets_test faults_test"),
+
+    checksum("the initial value is not complemented", "zel::swapBytes(complement(initial))",
+             "zel::swapBytes(initial)"),
+    checksum("a 32-bit update loses the upper half", " + (new_value >> 16) +", " +"),
+    wide("a carry is lost", "return sum + (sum < word ? 1 : 0);", "return sum;"),
+    wide("an odd last byte is not added",
+         "    if ((length & 1) != 0) {\n        sum += *at;\n    }\n", ""),
+    wide("the odd lanes' upper halves are lost", "    even.upper_halves += odd.upper_halves;\n", ""),
+    fold("a fold loses its carry", "(sum + std::rotl(sum, 16)) >> 16", "(sum & 0xffff) + (sum >> 16)"),
+
+    statistics("a device's slot is not given back",
+               "    __atomic_store_n(&counters.family, 0, __ATOMIC_RELEASE);\n",
+               "    (void)counters;\n"),
+    statistics("interrupts of other vectors are counted as the first's",
+               "if (slot.vector == vector) {", "if (true) {"),
+]
