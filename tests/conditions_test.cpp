@@ -1,18 +1,5 @@
 #include "support/allocation_failure.hpp"
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
-
-#include <zelkernel/affinity.h>
-#include <zelkernel/clock.h>
-#include <zelkernel/conditions.h>
-#include <zelkernel/kernel.h>
-#include <zelkernel/locks.h>
-
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <gtest/gtest.h>
-#include <list>
+#include "support/test.hpp"
 
 ZEL_INTERPOSE(int, pthread_cond_timedwait,
               (pthread_cond_t * c, pthread_mutex_t* m, const timespec* t), (c, m, t), )

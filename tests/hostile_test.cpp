@@ -1,36 +1,8 @@
 // Surroundings that an application does not choose, and arguments at and beyond their limits.
-#include "support/capture.hpp"
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
-#include "support/left_behind.hpp"
-#include "support/private_namespaces.hpp"
-#include "support/sanitizers.hpp"
-#include "support/thread_info.hpp"
+#include "support/test.hpp"
 #include "support/tun_interface.hpp"
-#include "support/wait.hpp"
 
-#include <zelkernel/affinity.h>
-#include <zelkernel/clock.h>
-#include <zelkernel/conditions.h>
-#include <zelkernel/interrupt_manager.hpp>
-#include <zelkernel/kcall.h>
-#include <zelkernel/locks.h>
-#include <zelkernel/routing.h>
 #include <zelkernel/simulated_platform.h>
-#include <zelkernel/system.h>
-#include <zelkernel/tun.h>
-
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <cstdint>
-#include <cstring>
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <thread>
-#include <vector>
 
 ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
 

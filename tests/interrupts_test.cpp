@@ -1,27 +1,10 @@
-#include "support/capture.hpp"
-#include "support/emulation.hpp"
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
 #include "support/manual_tick.hpp"
-#include "support/sanitizers.hpp"
-#include "support/thread_info.hpp"
-#include "support/wait.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/deferred_service.hpp>
-#include <zelkernel/interrupt_manager.hpp>
-#include <zelkernel/interrupt_pulse.h>
-#include <zelkernel/interrupt_source.hpp>
-#include <zelkernel/kernel.h>
 #include <zelkernel/simulated_platform.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cinttypes>
-#include <cstdlib>
-#include <gmock/gmock.h>
 #include <malloc.h>
-#include <string>
-#include <vector>
 
 // In front of the simulated platform.
 ZEL_INTERPOSE(int, openLinuxInterruptPulseFd, (), (), )

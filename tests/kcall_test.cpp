@@ -1,24 +1,8 @@
-#include "support/capture.hpp"
-#include "support/emulation.hpp"
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
 #include "support/manual_tick.hpp"
-#include "support/thread_info.hpp"
-#include "support/wait.hpp"
-
-#include <zelkernel/affinity.h>
-#include <zelkernel/kcall.h>
-#include <zelkernel/kernel.h>
-#include <zelkernel/locks.h>
+#include "support/test.hpp"
 
 #include <array>
-#include <atomic>
-#include <csignal>
-#include <gmock/gmock.h>
-#include <list>
 #include <optional>
-#include <thread>
-#include <vector>
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a),
               noexcept)

@@ -1,33 +1,6 @@
-#include "support/capture.hpp"
-#include "support/emulation.hpp"
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
-#include "support/private_namespaces.hpp"
-#include "support/sanitizers.hpp"
-#include "support/thread_info.hpp"
-#include "support/wait.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/clock.h>
-#include <zelkernel/conditions.h>
-#include <zelkernel/deferred_service.hpp>
-#include <zelkernel/interrupt_manager.hpp>
-#include <zelkernel/kcall.h>
-#include <zelkernel/kernel.h>
-#include <zelkernel/signals.hpp>
 #include <zelkernel/simulated_platform.h>
-#include <zelkernel/system.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <gmock/gmock.h>
-#include <sys/time.h>
-#include <sys/wait.h>
-#include <vector>
 
 ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), )
 ZEL_INTERPOSE(int, pthread_create,
@@ -49,15 +22,7 @@ void poll() {
 }
 void update_rtc(clockid_t, timespec*) {}
 
-TEST(KernelState, IsZeroBeforeStartUp) {
-    const KernelPriorities none{};
-    EXPECT_EQ(std::memcmp(&kernel_priorities, &none, sizeof none), 0);
-    EXPECT_EQ(priorities_initialized + initialized + useInterruptMutex, 0);
-    EXPECT_EQ(starttime.tv_sec + starttime.tv_nsec + starttimeInNs, 0);
-    EXPECT_EQ(updateRTCFunc, nullptr);
-    EXPECT_EQ(KCallIn, nullptr);
-    EXPECT_EQ(interruptChannelId, -1);
-    EXPECT_EQ(LinuxDeferredServiceController::instance, nullptr);
+TEST(KernelState, IsThatOfNoKernelBeforeStartUp) {
     EXPECT_EQ(zel_initialized(), 0);
     EXPECT_EQ(zel_get_current_context(), 0);
     EXPECT_EQ(isItSafeToBlock(), 1);
@@ -95,8 +60,13 @@ TEST_P(StartUp, RunsItsSteps) {
     {
         const Capture out{1};
         interposed::pthread_create = [](auto... arguments) { // the first ticks come before it ends
+            EXPECT_EQ(updateRTCFunc, update_rtc);
             const int result = real::pthread_create(arguments...);
             return eventually([] { return polls > 2; }) ? result : -1;
+        };
+        interposed::popen = [](auto... arguments) { // among them the removal of the left over one
+            EXPECT_EQ(zel_initialized(), 0);
+            return real::popen(arguments...);
         };
         EXPECT_EQ(zel_kernel_init(table, 1000, 99, poll, update_rtc), 1);
     }

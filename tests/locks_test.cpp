@@ -1,27 +1,9 @@
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
-#include "support/sanitizers.hpp"
-#include "support/thread_info.hpp"
-#include "support/wait.hpp"
-
-#include <zelkernel/affinity.h>
-#include <zelkernel/conditions.h>
-#include <zelkernel/kcall.h>
-#include <zelkernel/kernel.h>
-#include <zelkernel/locks.h>
-#include <zelkernel/routing.h>
-#include <zelkernel/tun.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <gtest/gtest.h>
-#include <sys/time.h>
+#include "support/test.hpp"
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
 ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_cond_timedwait,
+              (pthread_cond_t * c, pthread_mutex_t* m, const timespec* t), (c, m, t), )
 ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
 
 namespace {
@@ -53,6 +35,10 @@ Locking locking_of(void (*operation)()) {
     interposed::popen = [](const char*, const char* mode) {
         ++(seen->held != 0 ? seen->commands_inside : seen->commands_outside);
         return real::popen(":", mode);
+    };
+    interposed::pthread_cond_timedwait = [](auto... arguments) {
+        EXPECT_EQ(seen->held, 0) << "a wait under the library's lock";
+        return real::pthread_cond_timedwait(arguments...);
     };
     seen = &result; // only now: setting a hook may take locks, too
     operation();

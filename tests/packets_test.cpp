@@ -1,22 +1,10 @@
 // The packet path: real devices in real namespaces, with sockets there as the peers.
-#include "support/interpose.hpp"
-#include "support/private_namespaces.hpp"
-#include "support/wait.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/routing.h>
-#include <zelkernel/tun.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cstring>
 #include <deque>
-#include <gmock/gmock.h>
-#include <memory>
 #include <mutex>
 #include <netdb.h>
 #include <sys/select.h>
-#include <sys/socket.h>
-#include <thread>
 
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
 ZEL_INTERPOSE(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout),

@@ -1,29 +1,9 @@
 // Races under load, and moments that a race would have to hit, brought about.
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
-#include "support/left_behind.hpp"
 #include "support/manual_tick.hpp"
-#include "support/private_namespaces.hpp"
-#include "support/sanitizers.hpp"
+#include "support/test.hpp"
 #include "support/tun_interface.hpp"
-#include "support/wait.hpp"
-
-#include <zelkernel/affinity.h>
-#include <zelkernel/deferred_service.hpp>
-#include <zelkernel/routing.h>
-#include <zelkernel/system.h>
-#include <zelkernel/tun.h>
 
 #include <arpa/inet.h>
-#include <atomic>
-#include <cstring>
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <list>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <thread>
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
 ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)

@@ -1,13 +1,6 @@
-#include "support/capture.hpp"
 #include "support/commands.hpp"
-#include "support/private_namespaces.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/routing.h>
-#include <zelkernel/tun.h>
-
-#include <cstring>
-#include <fstream>
-#include <gmock/gmock.h>
 #include <netinet/in.h>
 
 using testing::ElementsAre;

@@ -1,23 +1,11 @@
 // The published counters: found from outside, counting what happens, absent unless asked for.
-#include "support/emulation.hpp"
-#include "support/private_namespaces.hpp"
-#include "support/wait.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/interrupt_manager.hpp>
-#include <zelkernel/kcall.h>
-#include <zelkernel/kernel.h>
-#include <zelkernel/routing.h>
 #include <zelkernel/simulated_platform.h>
 #include <zelkernel/statistics.h>
-#include <zelkernel/tun.h>
 
-#include <algorithm>
-#include <fcntl.h>
-#include <filesystem>
-#include <gmock/gmock.h>
 #include <numeric>
 #include <span>
-#include <sys/mman.h>
 
 namespace {
 

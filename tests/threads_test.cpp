@@ -1,26 +1,7 @@
 #include "support/allocation_failure.hpp"
-#include "support/capture.hpp"
-#include "support/interpose.hpp"
-#include "support/kernel_thread.hpp"
-#include "support/sanitizers.hpp"
-#include "support/thread_info.hpp"
-#include "support/wait.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/affinity.h>
-#include <zelkernel/interrupt_source.hpp>
-#include <zelkernel/kernel.h>
-#include <zelkernel/locks.h>
-#include <zelkernel/system.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <gmock/gmock.h>
 #include <malloc.h>
-#include <sys/mman.h>
-#include <sys/time.h>
-#include <vector>
 
 ZEL_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * a), (a), noexcept)
 ZEL_INTERPOSE(int, pthread_attr_setschedpolicy, (pthread_attr_t * a, int p), (a, p), noexcept)
@@ -38,6 +19,8 @@ ZEL_INTERPOSE(int, pthread_attr_getschedparam, (const pthread_attr_t* a, sched_p
 ZEL_INTERPOSE(int, pthread_attr_setschedparam, (pthread_attr_t * a, const sched_param* p), (a, p),
               noexcept)
 ZEL_INTERPOSE(int, pthread_setaffinity_np, (pthread_t t, size_t n, const cpu_set_t* s), (t, n, s),
+              noexcept)
+ZEL_INTERPOSE(int, pthread_getaffinity_np, (pthread_t t, size_t n, cpu_set_t* s), (t, n, s),
               noexcept)
 ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
 
@@ -470,6 +453,16 @@ TEST(Affinity, IsReadBackAsBitsOnceTheCountIsKnown) {
     EXPECT_EQ(getThreadAffinityCPU(), (1u << count) - 1);
     setThreadAffinityCPU0();
     EXPECT_EQ(getThreadAffinityCPU(), 1u);
+    num_processors = 40; // more than a word has bits
+    interposed::pthread_getaffinity_np = [](auto, auto, cpu_set_t* set) {
+        CPU_ZERO(set);
+        for (size_t cpu : {2u, 31u, 32u, 33u, 39u})
+            CPU_SET(cpu, set);
+        return 0;
+    };
+    EXPECT_EQ(getThreadAffinityCPU(), 0x80000004u);
+    interposed::pthread_getaffinity_np = [](auto...) { return EFAULT; };
+    EXPECT_EQ(getThreadAffinityCPU(), 0u);
 }
 
 TEST(Affinity, CountIsTheLastLinePrintedAndAtLeastOne) {

@@ -1,23 +1,12 @@
 #include "support/allocation_failure.hpp"
-#include "support/capture.hpp"
 #include "support/commands.hpp"
-#include "support/left_behind.hpp"
-#include "support/private_namespaces.hpp"
-#include "support/wait.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/routing.h>
-#include <zelkernel/tun.h>
-
-#include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <gmock/gmock.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attr),
               (mutex, attr), noexcept)

@@ -1,17 +1,7 @@
 // Linked as an application is: what it calls by the system's names lands in the library.
-#include "support/capture.hpp"
-#include "support/emulation.hpp"
+#include "support/test.hpp"
 
-#include <zelkernel/interrupt_manager.hpp>
-#include <zelkernel/kernel.h>
-#include <zelkernel/locks.h>
-
-#include <cerrno>
-#include <csignal>
 #include <dlfcn.h>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 namespace {
 
