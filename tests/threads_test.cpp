@@ -46,6 +46,16 @@ void* do_nothing(void*) {
     return nullptr;
 }
 
+// The stack of the calling thread: its lowest address and its size.
+std::pair<void*, size_t> own_stack() {
+    pthread_attr_t attr;
+    std::pair<void*, size_t> result;
+    pthread_getattr_np(pthread_self(), &attr);
+    real::pthread_attr_getstack(&attr, &result.first, &result.second);
+    pthread_attr_destroy(&attr);
+    return result;
+}
+
 TEST(Creation, TakesOnlyStackAndPriorityFromTheCaller) {
     static constexpr size_t own_size = 1 << 20;
     void* own = mmap(nullptr, own_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -68,45 +78,28 @@ TEST(Creation, TakesOnlyStackAndPriorityFromTheCaller) {
         pthread_attr_setschedpolicy(&attr, SCHED_RR);
         const sched_param param{7};
         pthread_attr_setschedparam(&attr, &param);
-        ThreadInfo info;
-        size_t size = 0;
-        void* address = nullptr;
-        int detached = -1;
         KernelThread thread(&attr, [&] {
-            pthread_attr_t actual;
-            pthread_getattr_np(pthread_self(), &actual);
-            real::pthread_attr_getstack(&actual, &address, &size);
-            pthread_attr_getdetachstate(&actual, &detached);
-            pthread_attr_destroy(&actual);
-            info = thread_info(gettid());
+            const ThreadInfo info = thread_info(gettid());
+            EXPECT_EQ(info.policy, SCHED_FIFO);
+            EXPECT_EQ(info.priority, 7);
+            EXPECT_EQ(info.status.at("Cpus_allowed_list"), "0");
+            if (!under_thread_sanitizer) { // which enlarges stacks and has a join of its own
+                EXPECT_EQ(own_stack().second, c.expected);
+                EXPECT_EQ(pthread_join(pthread_self(), nullptr), EINVAL) << "is not detached";
+            }
+            if (c.address != nullptr) {
+                EXPECT_EQ(own_stack().first, own);
+            }
         });
         thread.join();
+        EXPECT_EQ(thread.result, 0);
         pthread_attr_destroy(&attr);
-        EXPECT_EQ(info.policy, SCHED_FIFO);
-        EXPECT_EQ(info.priority, 7);
-        EXPECT_EQ(info.status["Cpus_allowed_list"], "0");
-        EXPECT_EQ(detached, PTHREAD_CREATE_DETACHED);
-        if (!under_thread_sanitizer) { // which enlarges stacks
-            EXPECT_EQ(size, c.expected);
-        }
-        if (c.address != nullptr) {
-            EXPECT_EQ(address, own);
-        }
         EXPECT_TRUE(registry_empties());
     }
     // The last thread may still be on its stack: it stays mapped.
 }
 
-TEST(Creation, WithoutAttributesTakesTheCreatorsPriorityOrIsRefused) {
-    pthread_t id = 1;
-    errno = 0;
-    Capture printed{2};
-    EXPECT_EQ(__wrap_pthread_create(&id, nullptr, do_nothing, nullptr), EINVAL);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(printed.text(), "__w_pthread_create; pthread_create: Invalid argument\n");
-    EXPECT_EQ(id, 0u);
-    EXPECT_THAT(registered(), IsEmpty());
-
+TEST(Creation, WithoutAttributesTakesTheCreatorsPriority) {
     ASSERT_TRUE(become_fifo(9));
     int priority = 0;
     KernelThread thread(nullptr, [&] { priority = thread_info(gettid()).priority; });
@@ -115,22 +108,37 @@ TEST(Creation, WithoutAttributesTakesTheCreatorsPriorityOrIsRefused) {
     EXPECT_NE(thread.id, 0u);
 }
 
-TEST(Creation, IsRefusedWhileThePosixLocksAreOff) {
-    zel_disable_posix_locks();
-    pthread_t id = 1;
-    for (pthread_t* where : {&id, static_cast<pthread_t*>(nullptr)}) {
+TEST(Creation, ThatIsRefusedSaysWhyAndLeavesNothingBehind) {
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
+    Attributes accepted{1};
+    const auto refuse = [](const pthread_attr_t* attr, int failing_allocation, int expected) {
+        pthread_t id = 1;
+        allocation_to_fail = failing_allocation;
         errno = 0;
-        Capture printed{2};
-        EXPECT_EQ(__wrap_pthread_create(where, nullptr, nullptr, nullptr), EPERM);
-        EXPECT_EQ(errno, EPERM);
-        EXPECT_EQ(printed.text(),
-                  "__w_pthread_create; posix locks are disabled: Operation not permitted\n");
-    }
-    EXPECT_EQ(id, 0u);
-    zel_enable_posix_locks();
-    KernelThread thread(Attributes{1}, [] {});
-    thread.join();
-    EXPECT_EQ(thread.result, 0);
+        EXPECT_EQ(__wrap_pthread_create(&id, attr, do_nothing, nullptr), expected);
+        EXPECT_EQ(allocation_to_fail, 0); // it was reached
+        EXPECT_EQ(errno, expected);
+        EXPECT_EQ(id, 0u);
+    };
+    const auto refuse_all = [&] {
+        refuse(nullptr, 0, EINVAL); // a creator that has no real-time priority
+        refuse(accepted, 1, ENOMEM);
+        refuse(accepted, 2, ENOMEM);
+        zel_disable_posix_locks();
+        refuse(accepted, 0, EPERM);
+        zel_enable_posix_locks();
+    };
+    EXPECT_EQ(printed_on(2, refuse_all),
+              "__w_pthread_create; pthread_create: Invalid argument\n"
+              "__w_pthread_create; pthread_create: Cannot allocate memory\n"
+              "__w_pthread_create; pthread_create: Cannot allocate memory\n"
+              "__w_pthread_create; posix locks are disabled: Operation not permitted\n");
+    Capture quiet{2};
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i)
+        refuse_all();
+    EXPECT_EQ(mallinfo2().uordblks, before);
+    EXPECT_THAT(registered(), IsEmpty());
 }
 
 template<typename... Arguments>
@@ -180,37 +188,6 @@ TEST(Creation, ReportsAFailingStepAndGoesOn) {
                         lines({"create; pthread_attr_getschedparam"}) + no_priority);
     create_with_failing(interposed::pthread_attr_setschedparam,
                         lines({"create; _r_pthread_attr_setschedparam"}));
-}
-
-TEST(Creation, LeavesNothingBehindWhenRefused) {
-    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
-    Attributes accepted{1};
-    const auto refuse = [&](int failing_allocation, int expected) {
-        pthread_t id = 1;
-        allocation_to_fail = failing_allocation;
-        const int result = __wrap_pthread_create(
-            &id, failing_allocation != 0 ? static_cast<pthread_attr_t*>(accepted) : nullptr,
-            do_nothing, nullptr);
-        EXPECT_EQ(allocation_to_fail, 0); // it was reached
-        EXPECT_EQ(result, expected);
-        EXPECT_EQ(errno, expected);
-        EXPECT_EQ(id, 0u);
-    };
-    const auto refuse_all = [&] {
-        refuse(0, EINVAL);
-        refuse(1, ENOMEM);
-        refuse(2, ENOMEM);
-    };
-    EXPECT_EQ(printed_on(2, refuse_all),
-              "__w_pthread_create; pthread_create: Invalid argument\n"
-              "__w_pthread_create; pthread_create: Cannot allocate memory\n"
-              "__w_pthread_create; pthread_create: Cannot allocate memory\n");
-    Capture quiet{2};
-    const size_t before = mallinfo2().uordblks;
-    for (int i = 0; i < 100; ++i)
-        refuse_all();
-    EXPECT_EQ(mallinfo2().uordblks, before);
-    EXPECT_THAT(registered(), IsEmpty());
 }
 
 TEST(Creation, PureFormRegistersForEverAndReportsNothing) {
@@ -320,13 +297,7 @@ TEST(Stack, OfTheSmallestSizeSufficesForTheLibrarysCalls) {
     for (const auto& action : actions) {
         size_t left = 0;
         on_kernel_thread([&] {
-            pthread_attr_t attr;
-            void* lowest = nullptr;
-            size_t size = 0;
-            pthread_getattr_np(pthread_self(), &attr);
-            real::pthread_attr_getstack(&attr, &lowest, &size);
-            pthread_attr_destroy(&attr);
-            auto* const begin = static_cast<volatile unsigned char*>(lowest);
+            auto* const begin = static_cast<volatile unsigned char*>(own_stack().first);
             auto* const end = static_cast<unsigned char*>(__builtin_frame_address(0)) - 512;
             for (auto* p = begin; p < end; ++p)
                 *p = 0xa5;
@@ -369,44 +340,43 @@ TEST_F(Shift, MovesPrioritiesBothWays) {
 
 TEST_F(Shift, LeavesTheRangeToTheSystem) {
     const sched_param high{90};
-    EXPECT_EQ(
-        printed_on(2,
-                   [&] {
-                       EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_FIFO, &high),
-                                 EINVAL);
-                       errno = 0;
-                       EXPECT_EQ(__wrap_pthread_attr_setschedparam(Attributes{1}, &high), EINVAL);
-                       EXPECT_EQ(errno, EINVAL);
-                   }),
-        "_w_pthread_attr_setschedparam; _r_pthread_attr_setschedparam: Invalid argument\n");
+    const auto beyond = [&high] {
+        EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_FIFO, &high), EINVAL);
+        errno = 0;
+        EXPECT_EQ(__wrap_pthread_attr_setschedparam(Attributes{1}, &high), EINVAL);
+        EXPECT_EQ(errno, EINVAL);
+    };
+    EXPECT_EQ(printed_on(2, beyond),
+              "_w_pthread_attr_setschedparam; _r_pthread_attr_setschedparam: Invalid argument\n");
 }
 
 TEST(AttributeObject, HasTheKernelsStackPolicy) {
-    pthread_attr_t attr;
-    void* address = &attr;
-    size_t size = 0;
-    const auto read_back = [&] {
-        return __wrap_pthread_attr_getstack(&attr, &address, &size) == 0 && address == nullptr
-                   ? size
-                   : 0;
-    };
-    EXPECT_EQ(__wrap_pthread_attr_init(&attr), 0);
-    EXPECT_EQ(read_back(), 16384u);
-    for (const auto& [given, recorded] : {std::pair<size_t, size_t>{4096, 16384}, {50000, 50000}}) {
-        EXPECT_EQ(__wrap_pthread_attr_setstack(&attr, nullptr, given), 0);
-        EXPECT_EQ(read_back(), recorded);
-        real::pthread_attr_getstack(&attr, &address, &size);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(address), uintptr_t{0} - recorded);
-    }
     alignas(16) static char stack[16384];
-    EXPECT_EQ(__wrap_pthread_attr_setstack(&attr, stack, 1), 0);
-    EXPECT_EQ(__wrap_pthread_attr_getstack(&attr, &address, &size), 0);
-    EXPECT_EQ(address, stack);
-    EXPECT_EQ(size, 16384u);
+    pthread_attr_t attr;
+    EXPECT_EQ(__wrap_pthread_attr_init(&attr), 0);
+    const auto expect_stack = [&attr](void* expected_address, size_t expected_size) {
+        void* address = &attr;
+        size_t size = 0;
+        EXPECT_EQ(__wrap_pthread_attr_getstack(&attr, &address, &size), 0);
+        EXPECT_EQ(address, expected_address);
+        EXPECT_EQ(size, expected_size);
+        real::pthread_attr_getstack(&attr, &address, &size);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(address),
+                  expected_address != nullptr ? reinterpret_cast<uintptr_t>(expected_address)
+                                              : uintptr_t{0} - expected_size);
+    };
+    expect_stack(nullptr, 16384);
+    struct Case {
+        void* address;
+        size_t given, recorded;
+    };
+    for (const Case& c :
+         {Case{nullptr, 4096, 16384}, Case{nullptr, 50000, 50000}, Case{stack, 1, 16384}}) {
+        EXPECT_EQ(__wrap_pthread_attr_setstack(&attr, c.address, c.given), 0);
+        expect_stack(c.address, c.recorded);
+    }
     interposed::pthread_attr_init = [](auto) { return ENOMEM; };
-    Capture printed{2};
-    EXPECT_EQ(__wrap_pthread_attr_init(&attr), ENOMEM);
-    EXPECT_EQ(printed.text(),
+    EXPECT_EQ(printed_on(2, [&] { EXPECT_EQ(__wrap_pthread_attr_init(&attr), ENOMEM); }),
               "__w_pthread_attr_init; __r_pthread_attr_init failed: Cannot allocate memory\n");
 }
 
@@ -421,13 +391,13 @@ TEST(Names, AreShortenedToTheSystemsLimit) {
 }
 
 TEST(Affinity, PlacesTheCallingThread) {
-    std::vector<int> chosen;
+    std::vector<size_t> chosen;
     interposed::pthread_setaffinity_np = [&](pthread_t, size_t size, const cpu_set_t* set) {
         EXPECT_EQ(size, 128u);
         chosen.clear();
         for (size_t cpu = 0; cpu < 1024; ++cpu) {
             if (CPU_ISSET(cpu, set))
-                chosen.push_back(static_cast<int>(cpu));
+                chosen.push_back(cpu);
         }
         return 77;
     };
@@ -445,14 +415,10 @@ TEST(Affinity, PlacesTheCallingThread) {
 
 TEST(Affinity, IsReadBackAsBitsOnceTheCountIsKnown) {
     EXPECT_EQ(getThreadAffinityCPU(), 0u);
-    const long count = sysconf(_SC_NPROCESSORS_ONLN);
-    EXPECT_EQ(getNumOfCpus(), count);
-    EXPECT_EQ(setThreadAffinityCPU(static_cast<int>(count) - 1), 0);
+    const int count = getNumOfCpus();
+    EXPECT_EQ(count, sysconf(_SC_NPROCESSORS_ONLN));
+    EXPECT_EQ(setThreadAffinityCPU(count - 1), 0);
     EXPECT_EQ(getThreadAffinityCPU(), 1u << (count - 1));
-    setThreadAffinityAllCpus();
-    EXPECT_EQ(getThreadAffinityCPU(), (1u << count) - 1);
-    setThreadAffinityCPU0();
-    EXPECT_EQ(getThreadAffinityCPU(), 1u);
     num_processors = 40; // more than a word has bits
     interposed::pthread_getaffinity_np = [](auto, auto, cpu_set_t* set) {
         CPU_ZERO(set);
