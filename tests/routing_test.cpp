@@ -1,7 +1,11 @@
+#include "support/allocation_failure.hpp"
 #include "support/commands.hpp"
 #include "support/test.hpp"
 
 #include <netinet/in.h>
+
+ZEL_INTERPOSE(const char*, inet_ntop, (int f, const void* a, char* t, socklen_t size),
+              (f, a, t, size), noexcept)
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -63,6 +67,41 @@ TEST(Routing, OperationsOfOneCommandWriteItAsTheToolReadsIt) {
         EXPECT_EQ(text, "<" + std::to_string(++count) + ">") << each.command;
         EXPECT_THAT(commands.take(),
                     ElementsAre("ip netns exec \"red\" ip " + std::string{each.command} + " 2>&1"));
+    }
+}
+
+TEST(Routing, AnAddressThatCannotBeWrittenEndsTheOperationBeforeItsCommand) {
+    static int left;
+    interposed::inet_ntop = [](auto... arguments) {
+        return --left == 0 ? nullptr : real::inet_ntop(arguments...);
+    };
+    auto& commands = record_commands(true);
+    for (const auto& each : single_commands) {
+        int failing = 0;
+        do {
+            left = ++failing;
+            std::strcpy(text, "untouched");
+            each.run();
+            EXPECT_EQ(text != std::string{"untouched"}, left > 0) << each.command;
+            EXPECT_EQ(commands.take().size(), left > 0 ? 1u : 0u) << each.command;
+        } while (left <= 0);
+    }
+}
+
+TEST(Routing, ALackOfMemoryIsReportedAndNothingIsKept) {
+    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
+    const auto descriptors = open_files();
+    interposed::popen = [](const char*, const char* mode) { return real::popen(":", mode); };
+    for (const auto& each : single_commands) {
+        each.run(); // what the system's library allocates once is not counted
+        const auto check = [] {
+            EXPECT_THAT(
+                text, testing::AnyOf(testing::StrEq(""), // a stream does without a buffer
+                                     testing::StrEq("Out of memory.\r\n"),
+                                     testing::StrEq("popen() failed; Cannot allocate memory\r\n")));
+        };
+        EXPECT_GT(fail_each_allocation(each.run, check), 0) << each.command;
+        EXPECT_EQ(open_files(), descriptors) << each.command;
     }
 }
 

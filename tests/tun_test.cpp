@@ -212,16 +212,12 @@ TEST_F(Tun, ReportsALackOfMemoryAndIsAsItWas) {
         {[] { zel_vrf_destroy(text, size, name); }, "Out of memory.\r\n"},
     };
     for (const auto& [run, report] : operations) {
-        int allocations = 0;
-        for (bool failed = true; failed; allocations += failed) {
-            const auto before = open_files();
-            allocation_to_fail = allocations + 1;
-            run();
-            failed = std::exchange(allocation_to_fail, 0) == 0;
-            EXPECT_TRUE(!failed || (text == report && open_files() == before))
-                << "allocation " << allocations << ": " << text;
-        }
-        EXPECT_GT(allocations, 0);
+        const auto before = open_files();
+        const auto check = [&, report = report] {
+            EXPECT_EQ(text, report);
+            EXPECT_EQ(open_files(), before);
+        };
+        EXPECT_GT(fail_each_allocation(run, check), 0);
     }
     allocation_to_fail = 1;
     EXPECT_EQ(printed_on(2, start_receive_thread), "zel_tun_packet_init: Cannot allocate memory\n");

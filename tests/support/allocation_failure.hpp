@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace zel::test {
 
@@ -16,6 +17,21 @@ namespace zel::test {
 
 // A sanitizer has allocators of its own, which cannot be made to fail from here.
 constexpr bool can_fail_allocations = !under_address_sanitizer && !under_thread_sanitizer;
+
+// Runs `action` with each of its allocations failing, the first alone, then the second alone, until
+// it needs no more of them; `check` looks at each failed run. Returns how many there were.
+template<typename Action, typename Check>
+int fail_each_allocation(Action action, Check check) {
+    for (int n = 1;; ++n) {
+        const long before = allocations_alive;
+        allocation_to_fail = n;
+        action();
+        if (std::exchange(allocation_to_fail, 0) != 0)
+            return n - 1;
+        EXPECT_LE(allocations_alive, before) << "allocation " << n;
+        check();
+    }
+}
 
 } // namespace zel::test
 
