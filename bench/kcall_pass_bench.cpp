@@ -1,5 +1,6 @@
 // 1,000 queued calls run in one pass, beside a bare loop of unlock, indirect call, lock. Both run
-// in the kernel-call thread, turn by turn.
+// in the kernel-call thread, turn by turn, started from calls of one pass: what a call queues runs
+// in the same pass, so that no tick can begin with half of the calls.
 #include "Measure.hpp"
 
 #include <zelkernel/kcall.h>
@@ -17,6 +18,8 @@ using Function = void (*)(zel_word_t, zel_word_t, zel_word_t);
 
 std::int64_t begin;
 sem_t done;
+double ours;
+double reference;
 pthread_mutex_t mutex;
 std::array<KernelCall, calls> reference_calls;
 volatile zel_word_t effect;
@@ -25,21 +28,17 @@ void work(zel_word_t a, zel_word_t b, zel_word_t c) {
     effect = a + b + c;
 }
 
-void finish(const char* side) {
-    const auto ns = static_cast<double>(bench::now_ns() - begin);
-    bench::report(path, side, ns / calls);
-    sem_post(&done);
+double time_of_a_call() {
+    return static_cast<double>(bench::now_ns() - begin) / calls;
 }
 
-void start_clock(zel_word_t, zel_word_t, zel_word_t) {
-    begin = bench::now_ns();
+void enqueue(Function function, zel_word_t argument = 0) {
+    kcall_enqueue(reinterpret_cast<zel_word_t>(function), argument, 2, 3);
 }
 
-void stop_clock(zel_word_t, zel_word_t, zel_word_t) {
-    finish("ours");
-}
-
-void run_reference(zel_word_t, zel_word_t, zel_word_t) {
+void run_reference() {
+    for (std::size_t i = 0; i < calls; ++i)
+        reference_calls[i] = {reinterpret_cast<zel_word_t>(&work), {i, 2, 3}};
     begin = bench::now_ns();
     pthread_mutex_lock(&mutex);
     for (const KernelCall& call : reference_calls) {
@@ -49,27 +48,20 @@ void run_reference(zel_word_t, zel_word_t, zel_word_t) {
         pthread_mutex_lock(&mutex);
     }
     pthread_mutex_unlock(&mutex);
-    finish("reference");
+    reference = time_of_a_call();
 }
 
-void enqueue(Function function, zel_word_t argument = 0) {
-    kcall_enqueue(reinterpret_cast<zel_word_t>(function), argument, 2, 3);
+void finish_turn(zel_word_t, zel_word_t, zel_word_t) {
+    ours = time_of_a_call();
+    run_reference();
+    sem_post(&done);
 }
 
-// A tick that finds the level set does nothing: the calls are queued as a whole.
-void set_level(std::uint8_t level) {
-    pthread_mutex_lock(&kcall_mutex);
-    KCallLevel = level;
-    pthread_mutex_unlock(&kcall_mutex);
-}
-
-void run_ours() {
-    set_level(1);
-    enqueue(start_clock);
+void run_turn(zel_word_t, zel_word_t, zel_word_t) {
     for (std::size_t i = 0; i < calls; ++i)
         enqueue(work, i);
-    enqueue(stop_clock);
-    set_level(0);
+    enqueue(finish_turn);
+    begin = bench::now_ns();
 }
 
 } // namespace
@@ -77,14 +69,12 @@ void run_ours() {
 int main() {
     sem_init(&done, 0, 0);
     __wrap_pthread_mutex_init(&mutex, nullptr);
-    for (auto& call : reference_calls)
-        call = {reinterpret_cast<zel_word_t>(&work), {1, 2, 3}};
     bench::start_kernel(1000);
     for (int turn = 0; turn < turns; ++turn) {
-        run_ours();
+        enqueue(run_turn);
         __wrap_sem_wait(&done);
-        enqueue(run_reference);
-        __wrap_sem_wait(&done);
+        bench::report(path, "ours", ours);
+        bench::report(path, "reference", reference);
     }
     std::fflush(stdout);
     std::_Exit(EXIT_SUCCESS);
