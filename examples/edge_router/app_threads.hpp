@@ -17,9 +17,9 @@ struct AppThread {
 // no large library.
 inline constexpr std::size_t kernel_stack = std::size_t{16} * 1024;
 
-// Starts a thread and names it; `routine` must not return at once. Ends the process with a message
-// when the thread cannot be had. A thread starts on the first processor; one whose routine goes to
-// all of them says so here. Main thread only.
+// Starts a thread. It has its name and its processors when this returns: the thread sees to both
+// itself before it runs `routine`. Ends the process with a message when the thread cannot be had.
+// Main thread only.
 void start_app_thread(const char* name, int priority, void* (*routine)(void*), void* argument,
                       std::size_t stack = kernel_stack, Processors processors = Processors::first);
 

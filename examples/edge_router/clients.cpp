@@ -14,12 +14,12 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <pthread.h>
+#include <semaphore.h>
 #include <span>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
-#include <zelkernel/affinity.h>
 
 namespace {
 
@@ -37,6 +37,7 @@ std::array<Client, plan::instances.size()>& clients() {
     return all;
 }
 std::atomic<int> working{0};
+sem_t may_begin;
 pthread_barrier_t all_ready; // what competes for the IP stack's attention starts at the same time
 
 // --- ping ---
@@ -127,7 +128,7 @@ void check_query(Client& client, int family, const char* host, int port,
 
 void* run_client(void* argument) {
     auto& client = *static_cast<Client*>(argument);
-    setThreadAffinityAllCpus(); // inherited by the programs: a peer is not a part of this kernel
+    sem_wait(&may_begin);
     const Instance& instance = *client.instance;
     ping(client, plan::stack_ipv4);
     ping(client, plan::stack_ipv6);
@@ -146,12 +147,20 @@ void* run_client(void* argument) {
 
 void start_clients(std::size_t bytes_to_fetch) {
     working = static_cast<int>(plan::instances.size());
+    sem_init(&may_begin, 0, 0);
     pthread_barrier_init(&all_ready, nullptr, plan::instances.size());
     for (std::size_t i = 0; i < plan::instances.size(); ++i) {
         Client& client = clients()[i];
         client = {&plan::instances[i], static_cast<int>(i), bytes_to_fetch, {}};
+        // All processors, which the programs inherit: a peer is not a part of this kernel.
         start_app_thread((std::string("client ") + client.instance->name).c_str(), priority::client,
                          run_client, &client, stack_size, Processors::all);
+    }
+}
+
+void let_clients_begin() {
+    for (std::size_t i = 0; i < plan::instances.size(); ++i) {
+        sem_post(&may_begin);
     }
 }
 

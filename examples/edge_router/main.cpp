@@ -84,8 +84,9 @@ bool run(const Options& options, Checks& checks) {
     }
     start_realtime();
     start_network_clients(static_cast<std::size_t>(options.megabytes) * 1'000'000);
-    const std::int64_t end = now_ns() + options.seconds * 1'000'000'000LL;
     show_threads(checks);
+    let_network_clients_begin();
+    const std::int64_t end = now_ns() + options.seconds * 1'000'000'000LL;
     std::printf("\nRunning for %ld s ...\n", options.seconds);
     while (now_ns() < end || !network_finished()) {
         if (stop_requested_within(50)) {

@@ -32,6 +32,10 @@ void start_network_clients(std::size_t bytes_to_fetch) {
     start_clients(bytes_to_fetch);
 }
 
+void let_network_clients_begin() {
+    let_clients_begin();
+}
+
 bool network_finished() {
     return clients_finished();
 }

@@ -9,8 +9,10 @@
 // Main thread, after zel_kernel_init.
 void start_network(Checks& checks);
 
-// Starts the clients of a network that is complete. Main thread.
+// Starts the threads of the clients of a network that is complete; they wait to be let begin, so
+// that they are still there to be looked at. Main thread.
 void start_network_clients(std::size_t bytes_to_fetch);
+void let_network_clients_begin();
 
 // Whether the clients have done all they had to do.
 bool network_finished();

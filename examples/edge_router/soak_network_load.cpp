@@ -17,7 +17,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
-#include <zelkernel/affinity.h>
 #include <zelkernel/routing.h>
 #include <zelkernel/system.h>
 #include <zelkernel/tun.h>
@@ -80,7 +79,6 @@ struct Peer {
 };
 
 void* exchange_all_the_time(void* argument) {
-    setThreadAffinityAllCpus();
     const Peer& peer = *static_cast<const Peer*>(argument);
     const bool is_v4 = peer.family == AF_INET;
     const auto flow_to = [&peer](const Interface& through, const char* to, int port) {
@@ -99,7 +97,6 @@ void* exchange_all_the_time(void* argument) {
 
 // Destroyed with packets on their way, and made again under the same name with the same indices.
 void* pass_instances(void* argument) {
-    setThreadAffinityAllCpus();
     const auto& instance = *static_cast<const Instance*>(argument);
     while (!stopping()) {
         Checks checks;
@@ -169,7 +166,6 @@ void change_criterion(int port) {
 }
 
 void* change_settings(void*) {
-    setThreadAffinityAllCpus();
     for (int round = 0; !stopping(); ++round) {
         change_criterion(1000 + round % 1000);
         for (const Instance& instance : plan::instances) {
