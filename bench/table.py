@@ -15,6 +15,7 @@ import re
 import statistics
 import subprocess
 import sys
+import time
 
 HOST, TARGET = sys.argv[1:3]
 TARGET_LIBRARY = f"{TARGET}/src/libzelkernel.so"
@@ -22,23 +23,33 @@ TARGET_LIBRARY = f"{TARGET}/src/libzelkernel.so"
 # path -> side -> values; the sides are "ours" and, where there is one, "reference".
 samples = collections.defaultdict(lambda: collections.defaultdict(list))
 
+progress = ""  # what is being measured, and how much is left
+
 
 def run(*command):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+    done = subprocess.run(command, check=False, stdout=subprocess.PIPE, text=True)
+    if done.returncode != 0:
+        sys.exit(f"bench: failed (exit status {done.returncode}): {' '.join(command)}")
+    return done.stdout
+
+
+def measured(*command):
+    """The output of a measuring program, which is ended and named when it takes far too long."""
+    return run("scripts/lib/step", "--keep", "--limit", "240", f"bench: {progress}", *command)
 
 
 def program(name, *arguments):
     """A program's samples: lines of path, side, value."""
-    for line in run(f"{HOST}/bench/{name}", *arguments).splitlines():
+    for line in measured(f"{HOST}/bench/{name}", *arguments).splitlines():
         path, side, value = line.split("\t")
         samples[path][side].append(float(value))
 
 
 def harness(name, repetitions):
     """Google Benchmark's samples: processor time, so that other work on the machine counts less."""
-    output = run(f"{HOST}/bench/{name}", "--benchmark_enable_random_interleaving=true",
-                 f"--benchmark_repetitions={repetitions}", "--benchmark_min_time=0.01",
-                 "--benchmark_format=json")
+    output = measured(f"{HOST}/bench/{name}", "--benchmark_enable_random_interleaving=true",
+                      f"--benchmark_repetitions={repetitions}", "--benchmark_min_time=0.01",
+                      "--benchmark_format=json")
     for each in json.loads(output)["benchmarks"]:
         if each["run_type"] == "iteration":
             path, side = each["name"].rsplit("/", 1)
@@ -47,8 +58,8 @@ def harness(name, repetitions):
 
 def cyclictest(side, seconds, *options):
     """Every lateness in ns, of a thread with the priority and the period of the kernel's tick."""
-    output = run("cyclictest", "-v", "-N", "-m", "-p", "46", "-i", "1000", "-t", "1",
-                 "-D", str(seconds), *options)
+    output = measured("cyclictest", "-v", "-N", "-m", "-p", "46", "-i", "1000", "-t", "1",
+                      "-D", str(seconds), *options)
     samples["tick"][side] += map(float, re.findall(r"^ *0: *\d+: *(\d+)$", output, re.M))
 
 
@@ -98,22 +109,32 @@ def examine_target():
     samples["size of the target's library, text and data"]["ours"] = [(int(text) + int(data)) / 1024]
 
 
+# What is run, and the seconds that it takes on the machine of docs/benchmarks.md.
+STEPS = [
+    (harness, 20, "calls_bench", 41),
+    (harness, 30, "checksum_bench", 9),
+    (program, 1, "kcall_pass_bench"),
+    (program, 1, "thread_creation_bench"),
+    *[(program, 0.5, "interrupt_bench", "ours", "300"),
+      (program, 0.5, "interrupt_bench", "reference", "300")] * 10,
+    (program, 30, "packets_bench"),
+    (program, 10, "instances_bench"),
+    (program, 0.5, "startup_bench"),
+    *[(program, 3, "tick_bench", "3"),
+      (cyclictest, 3, "cyclictest", 3),
+      (cyclictest, 2, "cyclictest, signals", 2, "--posix_timers")] * 10,
+]
+
+
 def measure():
-    examine_target()
-    harness("calls_bench", 41)
-    harness("checksum_bench", 9)
-    program("kcall_pass_bench")
-    program("thread_creation_bench")
-    for _ in range(10):
-        program("interrupt_bench", "ours", "300")
-        program("interrupt_bench", "reference", "300")
-    program("packets_bench")
-    program("instances_bench")
-    program("startup_bench")
-    for _ in range(10):
-        program("tick_bench", "3")
-        cyclictest("cyclictest", 3)
-        cyclictest("cyclictest, signals", 2, "--posix_timers")
+    global progress
+    begin, done, expected = time.monotonic(), 0, sum(step[1] for step in STEPS)
+    for number, (method, seconds, name, *arguments) in enumerate(STEPS, 1):
+        pace = (time.monotonic() - begin) / done if done else 1
+        progress = (f"{number} of {len(STEPS)}, {name}, in all about "
+                    f"{(expected - done) * pace:.0f} s left")
+        method(name, *arguments)
+        done += seconds
 
 
 Goal = collections.namedtuple("Goal", "text is_met")
@@ -236,6 +257,7 @@ def markdown():
 
 
 load = os.getloadavg()[0]
+examine_target()
 measure()
 make_rows()
 table = markdown()
