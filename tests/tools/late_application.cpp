@@ -1,0 +1,195 @@
+// Made late on purpose in four ways, one after the other. For each it prints how late it was by its
+// own clock and how long the culprit took of that: "way late culprit", in microseconds.
+// With an argument it is only busy, until it is killed.
+#include <zelkernel/affinity.h>
+#include <zelkernel/interrupt_manager.hpp>
+#include <zelkernel/kernel.h>
+#include <zelkernel/simulated_platform.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::int64_t period_us = 20'000;
+constexpr std::int64_t long_us = 50'000; // more than two periods
+constexpr int vector = 7;
+constexpr int pulses = 40;
+
+std::atomic<std::int64_t> tick_at; // when the latest poller began
+std::atomic<bool> linger;
+std::int64_t lingered_from;
+sem_t ticked, high_may_start, mid_may_start, finished;
+pthread_mutex_t contended;
+std::int64_t high_waited, mid_ran;
+
+std::int64_t now_us() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * std::int64_t{1'000'000} + now.tv_nsec / 1000;
+}
+
+std::int64_t spin_until(std::int64_t end) {
+    const std::int64_t begin = now_us();
+    while (now_us() < end) {
+    }
+    return now_us() - begin;
+}
+
+void print(const char* way, std::int64_t late, std::int64_t culprit) {
+    std::printf("%s %lld %lld\n", way, static_cast<long long>(late),
+                static_cast<long long>(culprit));
+}
+
+// The kernel's own threads may run anywhere: they come to where the application's run.
+void poll() {
+    if (tick_at == 0)
+        setThreadAffinityCPU0();
+    tick_at = now_us();
+    sem_post(&ticked);
+    if (lingered_from != 0) {
+        print("poller", tick_at - lingered_from - period_us, long_us - period_us);
+        lingered_from = 0;
+        sem_post(&finished);
+    }
+    if (linger.exchange(false)) {
+        lingered_from = tick_at;
+        spin_until(tick_at + long_us);
+    }
+}
+
+std::int64_t next_tick() {
+    while (sem_trywait(&ticked) == 0) {
+    }
+    sem_wait(&ticked);
+    return tick_at;
+}
+
+// Half a period behind a tick `make_late` begins; gives when it ended. The next tick is judged.
+template<typename MakeLate>
+void judge_tick(const char* way, MakeLate make_late) {
+    next_tick();
+    const std::int64_t due = next_tick() + period_us;
+    spin_until(due - period_us / 2);
+    const std::int64_t end = make_late(due);
+    while (tick_at < due)
+        usleep(100);
+    print(way, tick_at - due, end - due);
+}
+
+struct Routine : Drivers::Api::InterruptProcessing::InterruptServiceRoutine {
+    std::atomic<int> served = 0;
+    std::atomic<std::int64_t> ended = 0;
+    void isr() override {
+        if (served == 0)
+            setThreadAffinityCPU0();
+        spin_until(now_us() + 1000);
+        ended = now_us();
+        ++served;
+    }
+};
+
+pthread_t start(void* (*routine)(void*), int priority) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
+    const sched_param param{priority};
+    pthread_attr_setschedparam(&attr, &param);
+    pthread_t thread;
+    pthread_create(&thread, &attr, routine, nullptr);
+    return thread;
+}
+
+void* spinner(void*) {
+    pthread_setname_np(pthread_self(), "spinner");
+    judge_tick("spin", [](std::int64_t due) {
+        spin_until(due + long_us - period_us);
+        return now_us();
+    });
+    sem_post(&finished);
+    return nullptr;
+}
+
+void* burst(void*) {
+    static Routine routine;
+    static Linux::LinuxInterruptMgr manager;
+    auto* const source = manager.get(vector);
+    source->connect(&routine);
+    source->enable();
+    judge_tick("burst", [](std::int64_t) {
+        for (int i = 0; i < pulses; ++i)
+            zel_simulated_raise(vector);
+        while (routine.served < pulses)
+            usleep(100);
+        return routine.ended.load();
+    });
+    sem_post(&finished);
+    return nullptr;
+}
+
+// The three of a lock without priority inheritance.
+void* low(void*) {
+    pthread_setname_np(pthread_self(), "low");
+    pthread_mutex_lock(&contended);
+    sem_post(&high_may_start);
+    sem_post(&mid_may_start);
+    spin_until(now_us() + 5000);
+    pthread_mutex_unlock(&contended);
+    return nullptr;
+}
+
+void* mid(void*) {
+    pthread_setname_np(pthread_self(), "mid");
+    sem_wait(&mid_may_start);
+    mid_ran = spin_until(now_us() + 30'000);
+    return nullptr;
+}
+
+void* high(void*) {
+    pthread_setname_np(pthread_self(), "high");
+    sem_wait(&high_may_start);
+    const std::int64_t begin = now_us();
+    pthread_mutex_lock(&contended);
+    high_waited = now_us() - begin;
+    pthread_mutex_unlock(&contended);
+    sem_post(&finished);
+    return nullptr;
+}
+
+void invert_priorities() {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE);
+    pthread_mutex_init(&contended, &attr);
+    start(high, 15);
+    start(mid, 10);
+    start(low, 5);
+    sem_wait(&finished);
+    print("lock", high_waited, mid_ran);
+}
+
+} // namespace
+
+int main(int argc, char**) {
+    for (sem_t* semaphore : {&ticked, &high_may_start, &mid_may_start, &finished})
+        sem_init(semaphore, 0, 0);
+    const KernelPriorities priorities{40, 38, 36, 0, 34, 0, 0, 50, 9};
+    zel_kernel_init(priorities, period_us, 0, poll, nullptr);
+    while (argc > 1) // a busy one
+        usleep(100);
+    usleep(300'000); // the recorder looks every tenth of a second
+    start(spinner, 45);
+    sem_wait(&finished);
+    invert_priorities();
+    linger = true;
+    sem_wait(&finished);
+    start(burst, 20);
+    sem_wait(&finished);
+    usleep(200'000);
+}

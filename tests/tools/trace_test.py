@@ -1,0 +1,106 @@
+"""zelkernel-trace, run as a user runs it, on an application that is late on purpose."""
+
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+TRACE = os.environ["TRACE"]
+LATE = os.environ["LATE_APPLICATION"]
+
+# Start-up deletes named namespaces: a machine of its own. The recorder finds no tracefs mounted;
+# the test looks into it at another place.
+MACHINE = """set -e
+mount -t tmpfs none /run && mkdir /run/netns /run/tracing
+mount -t tracefs none /run/tracing || { echo "$0: Skipped"; echo "no tracefs"; exit 0; }
+exec "$@"
+"""
+TRACING = "/run/tracing"
+
+
+def traces():
+    """What recorders have in tracefs at this moment."""
+    return os.listdir(TRACING + "/instances") + read(TRACING + "/uprobe_events").splitlines()
+
+
+def read(path):
+    with open(path, encoding="ascii") as file:
+        return file.read()
+
+
+def wait_for(condition, what):
+    for _ in range(600):
+        if condition():
+            return
+        time.sleep(0.1)
+    raise AssertionError(what + " did not come")
+
+
+class Trace(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.directory.cleanup)
+        cls.file = cls.directory.name + "/late.trace"
+        result = subprocess.run([TRACE, "record", "-o", cls.file, "--seconds", "60", "--", LATE],
+                                capture_output=True, text=True, check=False)
+        cls.output = result.stdout + result.stderr
+        assert result.returncode == 0, cls.output
+        assert traces() == [], traces()
+        cls.measured = {way: (int(late), int(culprit)) for way, late, culprit in
+                        re.findall(r"^(\w+) (\d+) (\d+)$", cls.output, re.M)}
+        assert set(cls.measured) == {"spin", "lock", "poller", "burst"}, cls.output
+
+    def test_record_says_what_it_cost_and_lost(self):
+        self.assertNotIn("missing", self.output)
+        self.assertIn("0 events lost", self.output)
+        cost = re.search(r"cost (.*) % of one processor", self.output)
+        self.assertTrue(cost and 0 < float(cost[1]) < 50, self.output)
+
+    def test_record_ends_in_any_way(self):
+        """Memory is bounded; asked to end, the file is whole; whatever ends it, nothing stays."""
+        busy = subprocess.Popen([LATE, "stay"])
+        self.addCleanup(busy.wait)
+        self.addCleanup(busy.kill)
+        file = self.directory.name + "/ended.trace"
+        for how in (signal.SIGINT, signal.SIGTERM, signal.SIGKILL):
+            with self.subTest(how):
+                recorder = subprocess.Popen(
+                    [TRACE, "record", "-o", file, "--buffer", "64", str(busy.pid)],
+                    stdout=subprocess.PIPE, text=True)
+                self.assertIn("recording", recorder.stdout.readline())
+                statistics = f"{TRACING}/instances/zelkernel_{recorder.pid}/per_cpu/cpu0/stats"
+                wait_for(lambda: re.search("^overrun: [1-9]", read(statistics), re.M), "a full buffer")
+                recorder.send_signal(how)
+                output = recorder.stdout.read()
+                wait_for(lambda: traces() == [], "an empty tracefs")
+                if how == signal.SIGKILL:
+                    self.assertEqual(recorder.wait(), -how)
+                    continue
+                self.assertEqual(recorder.wait(), 0)
+                self.assertRegex(output, "[1-9][0-9]* events lost: older ones")
+                self.assertLess(os.path.getsize(file), 1024 * (100 + 2 * 64 * os.cpu_count()))
+                os.unlink(file)
+        self.assertFalse(os.path.exists(file))
+
+    def test_usage(self):
+        for arguments in ([], ["record"], ["record", "1", "2"], ["record", "--buffer", "1", "1"],
+                          ["record", "--seconds", "x", "1"], ["record", "--"], ["play"]):
+            with self.subTest(arguments):
+                result = subprocess.run([TRACE, *arguments], capture_output=True, check=False)
+                self.assertEqual((result.returncode, result.stdout), (2, b""))
+
+
+if __name__ == "__main__":
+    if os.geteuid() != 0:
+        print("trace_test: Skipped\nneeds root, for tracefs and real-time priorities")
+    elif "--inside" not in sys.argv:
+        os.execvp("unshare", ["unshare", "--mount", "--net", "sh", "-c", MACHINE, "trace_test",
+                              sys.executable, "-B", __file__, "--inside", *sys.argv[1:]])
+    else:
+        sys.argv.remove("--inside")
+        unittest.main()

@@ -1,0 +1,237 @@
+#include "ProbePoints.hpp"
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <elf.h>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <sstream>
+
+namespace trace {
+namespace {
+
+struct Elf32 {
+    using Header = Elf32_Ehdr;
+    using Section = Elf32_Shdr;
+    using Segment = Elf32_Phdr;
+    using Symbol = Elf32_Sym;
+    using Address = Elf32_Addr;
+};
+struct Elf64 {
+    using Header = Elf64_Ehdr;
+    using Section = Elf64_Shdr;
+    using Segment = Elf64_Phdr;
+    using Symbol = Elf64_Sym;
+    using Address = Elf64_Addr;
+};
+
+// A file's bytes; what lies beyond its end reads as zeros and empty texts.
+class Image {
+public:
+    explicit Image(const std::string& path) {
+        std::ifstream file{path, std::ios::binary};
+        bytes_.assign(std::istreambuf_iterator<char>{file}, {});
+    }
+
+    template<typename T>
+    T at(std::uint64_t offset) const {
+        T value{};
+        if (offset < bytes_.size() && bytes_.size() - offset >= sizeof value)
+            std::memcpy(&value, bytes_.data() + offset, sizeof value);
+        return value;
+    }
+    std::string text(std::uint64_t offset) const {
+        if (offset >= bytes_.size())
+            return {};
+        const char* start = bytes_.data() + offset;
+        return {start, strnlen(start, bytes_.size() - offset)};
+    }
+
+private:
+    std::string bytes_;
+};
+
+constexpr std::uint64_t aligned(std::uint64_t size) {
+    return (size + 3) & ~std::uint64_t{3};
+}
+
+template<typename Elf>
+class Reader {
+public:
+    explicit Reader(const Image& image)
+        : image_(image), header_(image.at<typename Elf::Header>(0)) {}
+
+    ProbedFile read() const {
+        ProbedFile file;
+        for (unsigned i = 0; i < header_.e_shnum; ++i) {
+            const auto section = image_.at<typename Elf::Section>(
+                header_.e_shoff + std::uint64_t{i} * header_.e_shentsize);
+            if (section.sh_type == SHT_NOTE)
+                read_notes(section, file.points);
+            if (section.sh_type == SHT_DYNSYM)
+                file.priorities = find_symbol(section, "kernel_priorities");
+        }
+        return file;
+    }
+
+private:
+    void read_notes(const typename Elf::Section& section, std::vector<ProbePoint>& points) const {
+        std::uint64_t at = section.sh_offset;
+        const std::uint64_t end = at + section.sh_size;
+        while (at + sizeof(Elf64_Nhdr) <= end) {
+            const auto note = image_.at<Elf64_Nhdr>(at); // the same in both classes
+            const std::uint64_t name = at + sizeof note;
+            const std::uint64_t content = name + aligned(note.n_namesz);
+            constexpr std::uint32_t probe_descriptor = 3;
+            if (note.n_type == probe_descriptor && image_.text(name) == "stapsdt")
+                read_probe(content, points);
+            at = content + aligned(note.n_descsz);
+        }
+    }
+
+    // Three addresses (the point, a base for prelinking, a semaphore), then provider, name and
+    // arguments.
+    void read_probe(std::uint64_t content, std::vector<ProbePoint>& points) const {
+        const auto address = image_.at<typename Elf::Address>(content);
+        std::uint64_t at = content + 3 * sizeof address;
+        const std::string provider = image_.text(at);
+        at += provider.size() + 1;
+        const std::string name = image_.text(at);
+        at += name.size() + 1;
+        if (provider == "zelkernel")
+            points.push_back({name, file_offset(address), image_.text(at)});
+    }
+
+    std::uint64_t file_offset(std::uint64_t address) const {
+        for (unsigned i = 0; i < header_.e_phnum; ++i) {
+            const auto segment = image_.at<typename Elf::Segment>(
+                header_.e_phoff + std::uint64_t{i} * header_.e_phentsize);
+            if (segment.p_type == PT_LOAD && address >= segment.p_vaddr &&
+                address - segment.p_vaddr < segment.p_filesz)
+                return address - segment.p_vaddr + segment.p_offset;
+        }
+        return address;
+    }
+
+    std::uint64_t find_symbol(const typename Elf::Section& table, const char* wanted) const {
+        const auto names = image_.at<typename Elf::Section>(
+            header_.e_shoff + std::uint64_t{table.sh_link} * header_.e_shentsize);
+        for (std::uint64_t at = 0; at < table.sh_size; at += sizeof(typename Elf::Symbol)) {
+            const auto symbol = image_.at<typename Elf::Symbol>(table.sh_offset + at);
+            if (image_.text(names.sh_offset + symbol.st_name) == wanted)
+                return symbol.st_value;
+        }
+        return 0;
+    }
+
+    const Image& image_;
+    typename Elf::Header header_;
+};
+
+// The names of a probe's arguments; one that ends in '$' is a text.
+const std::map<std::string, std::vector<std::string>, std::less<>> argument_names{
+    {"call_begin", {"function", "argument"}},
+    {"pulse", {"source"}},
+    {"service_begin", {"vector"}},
+    {"service_end", {"vector"}},
+    {"defer", {"routine"}},
+    {"deferred_begin", {"routine"}},
+    {"deferred_end", {"routine"}},
+    {"thread_created", {"routine", "argument"}},
+    {"thread_begin", {"routine", "argument"}},
+    {"thread_named", {"thread", "text$"}},
+    {"packet_read", {"version", "index", "bytes"}},
+    {"packet_sent", {"version", "index", "bytes"}},
+    {"lock_wait", {"mutex"}},
+    {"lock_taken", {"mutex"}},
+    {"command_begin", {"text$"}},
+};
+
+// x86: %rdi, %edi and %dil are %di to the kernel; %r8d is %r8.
+std::string register_name(std::string name) {
+    static const std::regex numbered{"(r[0-9]+)[dwb]"};
+    static const std::regex wide{"[re]([a-z]{2})"};
+    static const std::regex byte{"([sd]il?|[sb]pl?)|([abcd])l"};
+    std::smatch match;
+    if (std::regex_match(name, match, numbered))
+        return match[1];
+    if (std::regex_match(name, match, wide))
+        return match[1];
+    if (std::regex_match(name, match, byte))
+        return match[2].matched ? match[2].str() + "x" : name.substr(0, 2);
+    return name;
+}
+
+std::string offset_of(const std::string& text) {
+    if (text.empty())
+        return "+0";
+    return text.front() == '-' ? text : "+" + text;
+}
+
+// An operand as a fetch argument; empty when there is none like it.
+std::string fetch(const std::string& operand) {
+    static const std::regex x86_register{"%([a-z0-9]+)"};
+    static const std::regex x86_memory{"(-?[0-9]*)\\(%([a-z0-9]+)\\)"};
+    static const std::regex arm_register{"r[0-9]+|fp|ip|sp|lr"};
+    static const std::regex arm_memory{"\\[([a-z0-9]+)(?:, ?#(-?[0-9]+))?\\]"};
+    static const std::regex constant{"[$#](-?[0-9]+)"};
+    std::smatch match;
+    if (std::regex_match(operand, match, x86_register))
+        return "%" + register_name(match[1]);
+    if (std::regex_match(operand, match, x86_memory))
+        return offset_of(match[1]) + "(%" + register_name(match[2]) + ")";
+    if (std::regex_match(operand, arm_register))
+        return "%" + operand;
+    if (std::regex_match(operand, match, arm_memory))
+        return offset_of(match[2]) + "(%" + match[1].str() + ")";
+    if (std::regex_match(operand, match, constant))
+        return "\\" + match[1].str();
+    return {};
+}
+
+// "-4" is four bytes with a sign.
+std::string type_of(const std::string& size) {
+    const bool is_signed = size.front() == '-';
+    return std::string{is_signed ? "s" : "u"} +
+           std::to_string(8 * std::abs(std::atoi(size.c_str())));
+}
+
+} // namespace
+
+ProbedFile read_probed_file(const std::string& path) {
+    const Image image{path};
+    const auto ident = image.at<std::array<unsigned char, EI_NIDENT>>(0);
+    if (std::memcmp(ident.data(), ELFMAG, SELFMAG) != 0)
+        return {};
+    return ident[EI_CLASS] == ELFCLASS32 ? Reader<Elf32>{image}.read()
+                                         : Reader<Elf64>{image}.read();
+}
+
+std::string fetch_arguments(const ProbePoint& point) {
+    static const std::regex argument{"(-?[0-9]+)@(\\[[^\\]]*\\]|[^ ]+)"};
+    const auto names = argument_names.find(point.name);
+    if (names == argument_names.end())
+        return {};
+    std::string result;
+    auto name = names->second.begin();
+    for (std::sregex_iterator match{point.arguments.begin(), point.arguments.end(), argument}, end;
+         match != end && name != names->second.end(); ++match, ++name) {
+        const std::string value = fetch((*match)[2]);
+        if (value.empty())
+            continue;
+        if (name->back() == '$') {
+            result += " " + name->substr(0, name->size() - 1) + "=+0(" + value + "):string";
+            continue;
+        }
+        result += " " + *name + "=" + value + ":" + type_of((*match)[1]);
+        // glibc notes a mutex's owner behind the lock word and the count.
+        if (*name == "mutex")
+            result += " owner=+8(" + value + "):u32";
+    }
+    return result;
+}
+
+} // namespace trace

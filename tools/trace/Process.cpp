@@ -1,0 +1,163 @@
+#include "Process.hpp"
+
+#include "ProbePoints.hpp"
+#include "Tracefs.hpp"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <sched.h>
+#include <set>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace trace {
+namespace {
+
+struct Mapping {
+    unsigned long start = 0, end = 0, offset = 0;
+    bool executable = false;
+    std::string path;
+};
+
+std::vector<Mapping> mappings_of(pid_t process) {
+    std::vector<Mapping> mappings;
+    std::istringstream lines{read_file("/proc/" + std::to_string(process) + "/maps")};
+    for (std::string line; std::getline(lines, line);) {
+        Mapping mapping;
+        char rights[5] = "";
+        int path = 0;
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s %lx %*s %*s %n", &mapping.start, &mapping.end,
+                        rights, &mapping.offset, &path) < 4 ||
+            path == 0 || line[static_cast<size_t>(path)] != '/')
+            continue;
+        mapping.executable = rights[2] == 'x';
+        mapping.path = line.substr(static_cast<size_t>(path));
+        mappings.push_back(mapping);
+    }
+    return mappings;
+}
+
+std::string seen_from_here(pid_t process, const std::string& path) {
+    return "/proc/" + std::to_string(process) + "/root" + path;
+}
+
+std::string describe_threads(pid_t process) {
+    std::ostringstream text;
+    std::error_code error;
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    for (const auto& task : fs::directory_iterator{tasks, error}) {
+        const std::string id = task.path().filename().string();
+        sched_param param{};
+        const pid_t thread = std::atoi(id.c_str());
+        sched_getparam(thread, &param);
+        std::string name = read_file(task.path().string() + "/comm");
+        if (!name.empty())
+            name.pop_back();
+        text << "thread " << id << ' ' << param.sched_priority << ' ' << name << '\n';
+    }
+    return text.str();
+}
+
+std::string describe_priorities(pid_t process, const Library& library, unsigned long address) {
+    if (address == 0)
+        return {};
+    std::array<std::int32_t, 9> words{};
+    const std::string memory = "/proc/" + std::to_string(process) + "/mem";
+    const int fd = open(memory.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        return {};
+    const auto got =
+        pread(fd, words.data(), sizeof words, static_cast<off_t>(library.base + address));
+    close(fd);
+    if (got != static_cast<ssize_t>(sizeof words))
+        return {};
+    return "priorities " + std::to_string(words[5]) + ' ' + std::to_string(words[8]) + '\n';
+}
+
+} // namespace
+
+Library find_library(pid_t process) {
+    std::set<std::string> seen;
+    for (const Mapping& mapping : mappings_of(process)) {
+        if (mapping.offset != 0 || !seen.insert(mapping.path).second)
+            continue;
+        const std::string path = seen_from_here(process, mapping.path);
+        if (!read_probed_file(path).points.empty())
+            return {path, mapping.start};
+    }
+    return {};
+}
+
+unsigned long base_of(pid_t process, const std::string& path) {
+    std::error_code error;
+    for (const Mapping& mapping : mappings_of(process)) {
+        if (mapping.offset == 0 &&
+            fs::equivalent(seen_from_here(process, mapping.path), path, error))
+            return mapping.start;
+    }
+    return 0;
+}
+
+// As ldd does it.
+Library library_of_command(char* const* command) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return {};
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        setenv("LD_TRACE_LOADED_OBJECTS", "1", 1);
+        execvp(command[0], command);
+        _exit(127);
+    }
+    close(ends[1]);
+    std::string output;
+    char part[4096];
+    for (ssize_t length; (length = read(ends[0], part, sizeof part)) > 0;)
+        output.append(part, static_cast<size_t>(length));
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    std::istringstream lines{output};
+    for (std::string name, arrow, path, address; lines >> name;) {
+        if (name.starts_with("libzelkernel.so") && lines >> arrow >> path && arrow == "=>" &&
+            path.starts_with('/'))
+            return {path, 0};
+    }
+    return {};
+}
+
+std::string describe(pid_t process, const Library& library, unsigned long priorities) {
+    std::ostringstream text;
+    text << "process " << process << '\n'
+         << describe_threads(process) << describe_priorities(process, library, priorities);
+    for (const Mapping& mapping : mappings_of(process)) {
+        if (mapping.executable) {
+            text << "map " << mapping.start << ' ' << mapping.end << ' ' << mapping.offset << ' '
+                 << mapping.path << '\n';
+        }
+    }
+    return text.str();
+}
+
+unsigned long offset_in_file(pid_t process, unsigned long address) {
+    for (const Mapping& mapping : mappings_of(process)) {
+        if (mapping.start <= address && address < mapping.end)
+            return address - mapping.start + mapping.offset;
+    }
+    return 0;
+}
+
+bool has_ended(pid_t process) {
+    return kill(process, 0) == -1 && errno == ESRCH;
+}
+
+} // namespace trace

@@ -1,0 +1,34 @@
+// The application under the recorder's eyes, as /proc shows it.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace trace {
+
+struct Library {
+    std::string path; // as seen from here, also into the application's own mount namespace
+    unsigned long base = 0;
+};
+
+// The first file mapped by the process that has probe points; an empty path when there is none.
+Library find_library(pid_t process);
+
+// Where the file is mapped; 0 when it is not, yet.
+unsigned long base_of(pid_t process, const std::string& path);
+
+// What the dynamic loader would take for the command's libzelkernel; empty when the command, say a
+// script, does not name it.
+Library library_of_command(char* const* command);
+
+// Lines for the recording: threads with names and priorities, what is mapped where, and the
+// words that make an application's priority from a Linux one.
+std::string describe(pid_t process, const Library& library, unsigned long priorities);
+
+// Where the address lies in the file that is mapped there.
+unsigned long offset_in_file(pid_t process, unsigned long address);
+
+bool has_ended(pid_t process);
+
+} // namespace trace

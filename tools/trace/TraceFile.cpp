@@ -1,0 +1,169 @@
+#include "TraceFile.hpp"
+
+#include "Tracefs.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace trace {
+namespace {
+
+// Numbers are written as this machine has them; the header says how that is.
+class Output {
+public:
+    explicit Output(const std::string& path) : file_(std::fopen(path.c_str(), "wbe")) {}
+    ~Output() {
+        if (file_ != nullptr)
+            std::fclose(file_);
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    bool is_open() const { return file_ != nullptr; }
+    void bytes(const void* data, size_t size) { std::fwrite(data, 1, size, file_); }
+    void bytes(const std::string& text) { bytes(text.data(), text.size()); }
+    void text(const std::string& value) { bytes(value.c_str(), value.size() + 1); }
+    template<typename T>
+    void number(T value) {
+        bytes(&value, sizeof value);
+    }
+    void sized(const std::string& content) {
+        number<std::uint64_t>(content.size());
+        bytes(content);
+    }
+    void pad_to(std::uint64_t position) {
+        while (tell() < position)
+            std::fputc(0, file_);
+    }
+    std::uint64_t tell() const { return static_cast<std::uint64_t>(std::ftell(file_)); }
+    void seek(std::uint64_t position) { std::fseek(file_, static_cast<long>(position), SEEK_SET); }
+    bool finish() {
+        const bool good = std::ferror(file_) == 0;
+        const bool closed = std::fclose(file_) == 0;
+        file_ = nullptr;
+        return good && closed;
+    }
+
+private:
+    std::FILE* file_;
+};
+
+std::vector<std::string> directories_in(const std::string& path) {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator{path, error}) {
+        if (entry.is_directory())
+            names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The size of `commit` in the pages' header is the kernel's word size.
+std::uint8_t kernel_word_size(const std::string& page_header) {
+    const auto field = page_header.find("commit;");
+    const auto size = page_header.find("size:", field);
+    return size == std::string::npos ? 8 : static_cast<std::uint8_t>(page_header[size + 5] - '0');
+}
+
+// `events` is the directory of a system's events.
+void write_formats(Output& output, const std::string& events) {
+    const auto names = directories_in(events);
+    output.number(static_cast<std::uint32_t>(names.size()));
+    for (const std::string& name : names)
+        output.sized(read_file(std::string{events}.append("/").append(name).append("/format")));
+}
+
+void write_header(Output& output, const std::string& instance, const std::string& group) {
+    const std::string events = tracefs + "/events";
+    const std::string page_header = read_file(events + "/header_page");
+    output.bytes("\x17\x08\x44tracing");
+    output.text("6");
+    output.number<char>(std::endian::native == std::endian::big ? 1 : 0);
+    output.number(kernel_word_size(page_header));
+    output.number(static_cast<std::uint32_t>(sysconf(_SC_PAGESIZE)));
+    output.text("header_page");
+    output.sized(page_header);
+    output.text("header_event");
+    output.sized(read_file(events + "/header_event"));
+    write_formats(output, events + "/ftrace");
+    const std::string systems[] = {"sched", "timer", "irq", group};
+    output.number(static_cast<std::uint32_t>(std::size(systems)));
+    for (const std::string& system : systems) {
+        output.text(system == group ? "zelkernel" : system);
+        write_formats(output, std::string{events}.append("/").append(system));
+    }
+    output.number<std::uint32_t>(0); // symbols of the kernel
+    output.number<std::uint32_t>(0); // formats of its printk
+    output.sized(read_file(instance + "/saved_cmdlines"));
+}
+
+void copy_pages(Output& output, const std::string& pipe) {
+    const int fd = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -1)
+        return;
+    const auto page_size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    std::vector<char> page(page_size);
+    while (read(fd, page.data(), page_size) > 0) {
+        output.bytes(page.data(), page_size);
+        std::fill(page.begin(), page.end(), 0);
+    }
+    close(fd);
+}
+
+void write_buffers(Output& output, const std::string& instance) {
+    const auto page_size = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    const auto processors = std::max<size_t>(1, directories_in(instance + "/per_cpu").size());
+    output.number(static_cast<std::uint32_t>(processors));
+    output.bytes("options  ", 10);
+    output.number<std::uint16_t>(0);
+    output.bytes("flyrecord", 10);
+    const std::uint64_t table = output.tell();
+    struct Place {
+        std::uint64_t offset, size;
+    };
+    std::vector<Place> places(processors);
+    output.bytes(places.data(), places.size() * sizeof places[0]);
+    for (size_t i = 0; i < processors; ++i) {
+        output.pad_to((output.tell() + page_size - 1) / page_size * page_size);
+        const std::uint64_t offset = output.tell();
+        copy_pages(output, instance + "/per_cpu/cpu" + std::to_string(i) + "/trace_pipe_raw");
+        places[i] = {offset, output.tell() - offset};
+    }
+    const std::uint64_t end = output.tell();
+    output.seek(table);
+    output.bytes(places.data(), places.size() * sizeof places[0]);
+    output.seek(end);
+}
+
+void write_facts(Output& output, const std::string& facts) {
+    output.bytes(facts);
+    for (unsigned byte = 0; byte < 8; ++byte)
+        output.number(static_cast<unsigned char>(std::uint64_t{facts.size()} >> (8 * byte)));
+    output.bytes("zeltrace");
+}
+
+} // namespace
+
+bool write_trace_file(const std::string& path, const std::string& instance,
+                      const std::string& group, const std::string& facts) {
+    Output output{path};
+    if (!output.is_open())
+        return false;
+    write_header(output, instance, group);
+    write_buffers(output, instance);
+    write_facts(output, facts);
+    return output.finish();
+}
+
+} // namespace trace

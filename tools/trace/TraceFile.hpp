@@ -1,0 +1,15 @@
+// The recording as a file in the form of trace-cmd.dat(5), version 6, which trace-cmd and
+// KernelShark read; what only this tool knows stands behind it, see write_trace_file().
+#pragma once
+
+#include <string>
+
+namespace trace {
+
+// Writes what the stopped instance's buffers hold, followed by `facts` (lines of text), their
+// length as 8 bytes, least first, and the 8 characters "zeltrace". False, with errno, when the file
+// cannot be written.
+bool write_trace_file(const std::string& path, const std::string& instance,
+                      const std::string& group, const std::string& facts);
+
+} // namespace trace
