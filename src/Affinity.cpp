@@ -1,4 +1,6 @@
 // Processor count and the calling thread's processors.
+#include "CloseOnExec.hpp"
+
 #include <zelkernel/affinity.h>
 
 #include <algorithm>
@@ -27,7 +29,7 @@ bool read_line(char* line, int size, FILE* stream) {
 
 // The last line that `command` prints, as a number; 0 when it prints none.
 int last_number_of(const char* command) {
-    FILE* stream = popen(command, "re");
+    FILE* stream = zel::close_on_exec(popen(command, "r"));
     if (stream == nullptr)
         std::exit(1);
     char line[128];

@@ -1,4 +1,5 @@
 // zel_run_command: the shell commands of the network module.
+#include "CloseOnExec.hpp"
 #include "Probes.hpp"
 
 #include <zelkernel/system.h>
@@ -16,7 +17,7 @@ class Command {
 public:
     explicit Command(const char* text) {
         ZEL_PROBE(command_begin, text);
-        stream_ = popen(text, "re");
+        stream_ = zel::close_on_exec(popen(text, "r"));
     }
     ~Command() {
         if (stream_ != nullptr)

@@ -92,7 +92,11 @@ zel_statistics_device* claim_device_counters(std::uint32_t version, int index,
         // Readers pass over a slot that is being filled.
         if (__atomic_compare_exchange_n(&slot.family, &free, being_filled, false, __ATOMIC_ACQUIRE,
                                         __ATOMIC_RELAXED)) {
-            slot = {being_filled, index, 0, 0, 0, 0, 0};
+            // One by one: an assignment of the whole would write the family beside other threads'
+            // exchanges of it.
+            slot.index = index;
+            slot.received_packets = slot.received_bytes = slot.dropped_packets = 0;
+            slot.sent_packets = slot.sent_bytes = 0;
             __atomic_store_n(&slot.family, version, __ATOMIC_RELEASE);
             return &slot;
         }

@@ -1,4 +1,5 @@
 // Memory from /proc/meminfo, and the kernel's uptime.
+#include "CloseOnExec.hpp"
 #include "Uptime.hpp"
 
 #include <zelkernel/system.h>
@@ -20,7 +21,7 @@ using File = std::unique_ptr<FILE, FileCloser>;
 constexpr int line_size = 100;
 
 File open_meminfo() {
-    File file{std::fopen("/proc/meminfo", "re")};
+    File file{zel::close_on_exec(std::fopen("/proc/meminfo", "r"))};
     if (!file)
         std::printf("Failed to open file /proc/meminfo\n");
     return file;

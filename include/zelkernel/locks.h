@@ -34,7 +34,11 @@ ZEL_EXPORT void zel_disable_posix_locks(void);
 /* pthread_mutexattr_init, then PTHREAD_PRIO_INHERIT. */
 ZEL_EXPORT int __wrap_pthread_mutexattr_init(pthread_mutexattr_t* attr);
 
-/* pthread_mutex_init; `attr` as given, or, when null, a default mutex with priority inheritance. */
+/* pthread_mutex_init; `attr` as given, or, when null, a default mutex with priority inheritance.
+ * Linux knows the owner of a mutex that inherits priorities, so that even a default one answers
+ * EPERM to an unlock by another thread, which would unlock an ordinary one. A second lock by the
+ * owner of a default one waits for ever, and its trylock answers EBUSY; of the type
+ * PTHREAD_MUTEX_ERRORCHECK it answers EDEADLK to either. */
 ZEL_EXPORT int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attr);
 
 /* Gated. pthread_mutex_lock, again for as long as it returns ETIMEDOUT. Blocks. */

@@ -15,9 +15,11 @@ void OutputText::clear() {
 }
 
 void OutputText::run(const std::string& command) {
-    // Not a null buffer: a command that prints, if only a warning, would get SIGPIPE and might end
-    // before it has acted. (`ip addr add … nodad` warns for each IPv4 address.)
-    if (text_ == nullptr) {
+    // Not a buffer that takes nothing: a command that prints, if only a warning, would get SIGPIPE
+    // and might end before it has acted. (`ip addr add … nodad` warns for each IPv4 address.)
+    if (text_ == nullptr || room() == 1) {
+        if (text_ != nullptr)
+            *end() = '\0';
         char dropped[256];
         zel_run_command(command.c_str(), dropped, sizeof dropped);
         return;
