@@ -6,6 +6,7 @@
 #include <netdb.h>
 #include <sys/select.h>
 
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
 ZEL_INTERPOSE(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout),
               (count, in, out, other, timeout), )
@@ -134,7 +135,8 @@ void add_interface(const char* name, int index, bool is_v6 = false) {
         zel_tun_ipv4_create(nullptr, 0, name, index);
         zel_tun_ipv4_status(nullptr, 0, name, index, true);
         // The tool warns that "nodad" is for IPv6, and has to get that said to obey.
-        zel_tun_ipv4_address_add(nullptr, 0, name, index, &host);
+        char byte;
+        zel_tun_ipv4_address_add(index % 2 == 0 ? nullptr : &byte, 1, name, index, &host);
         zel_ipv4_route_add(nullptr, 0, name, &net, 0, 24, &index, nullptr, 0);
     }
 }
@@ -252,6 +254,65 @@ TEST_F(Packets, InFlightKeepTheirDeviceWhileItIsDestroyed) {
     char back;
     EXPECT_EQ(recv(socket, &back, 1, 0), 1) << "the packet was lost";
     EXPECT_TRUE(loses_device("red", "tun4_3"));
+}
+
+// One operation stands in a command with the lock held, and the receive thread has a change to
+// follow.
+TEST_F(Packets, PassWhileAConfigurationHoldsTheLockAcrossACommand) {
+    static std::atomic<bool> is_held{false}, let_go{false}, is_overdue{false};
+    add_interface("red", 3);
+    const int socket = udp_socket("red");
+    interposed::popen = [](const char* command, const char* mode) {
+        if (std::strstr(command, "-t mangle") != nullptr) {
+            is_held = true;
+            is_overdue = is_overdue || !eventually([] { return let_go.load(); });
+        }
+        return real::popen(command, mode);
+    };
+    std::thread configuration;
+    stack.in_alloc = [&] {
+        zel_tun_ipv4_create(nullptr, 0, "red", 4);
+        configuration = std::thread{
+            [] { zel_external_traffic_match_criteria_add(nullptr, 0, IPPROTO_UDP, 0, 53); }};
+        EXPECT_TRUE(eventually([] { return is_held.load(); }));
+    };
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(send(socket, "x"), 1);
+        const std::string answer = answer_to(stack.take().second);
+        zel_tun_ipv4_packet_send(3, answer.data(), answer.size());
+        char back;
+        EXPECT_EQ(recv(socket, &back, 1, 0), 1);
+    }
+    EXPECT_FALSE(is_overdue);
+    let_go = true;
+    configuration.join();
+}
+
+// More than a handful, so that idle ones are waited for as one.
+TEST_F(Packets, OfAnyOfManyDevicesArriveHoweverLongThatWasIdle) {
+    constexpr int devices = 12;
+    std::vector<int> sockets;
+    for (int index = 0; index < devices; ++index) {
+        const std::string name = "red" + std::to_string(index);
+        add_interface(name.c_str(), index);
+        sockets.push_back(udp_socket(name.c_str()));
+    }
+    const auto expect_packets = [&](int index, int count) {
+        for (int i = 0; i < count; ++i) {
+            send(sockets[static_cast<size_t>(index)], "x");
+            EXPECT_EQ(stack.take().first, index);
+        }
+    };
+    expect_packets(0, 200); // the others go idle
+    for (int index = 1; index < devices; ++index)
+        expect_packets(index, index < 3 ? 100 : 1); // the first of them busy again
+    zel_tun_ipv4_destroy(nullptr, 0, "red5", 5);    // both while they are idle
+    shell("ip -n red6 link del tun4_6");
+    EXPECT_TRUE(loses_device("red5", "tun4_5"));
+    EXPECT_TRUE(eventually([] { return stack.freed > 0; }));
+    for (const int index : {11, 7, 1})
+        expect_packets(index, 3);
+    EXPECT_EQ(stack.freed, 1);
 }
 
 TEST_F(Packets, AreNeverReadFromAClosedDescriptor) {

@@ -10,7 +10,7 @@
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attr),
               (mutex, attr), noexcept)
-ZEL_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags), noexcept)
+ZEL_INTERPOSE(int, pipe, (int* ends), (ends), noexcept)
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
 ZEL_INTERPOSE(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout),
               (count, in, out, other, timeout), )
@@ -49,7 +49,7 @@ TEST_F(Tun, StopsWithTheReasonWhenAnEssentialCallFails) {
     };
     const std::pair<std::function<void()>, const char*> cases[] = {
         {[&] { interposed::pthread_mutex_init = fail; }, "848 Failed to initialize FD map mutex"},
-        {[&] { interposed::pipe2 = fail; }, "872 Failed to create rx packet wakeup pipe"},
+        {[&] { interposed::pipe = fail; }, "872 Failed to create rx packet wakeup pipe"},
         {[&] { interposed::write = fail; }, "284 wakeup_zel_tun_packet_receive\\(\\) write failed"},
         {[&] { interposed::select = fail; }, "744 rx packet select\\(\\) failure"},
     };
@@ -99,6 +99,7 @@ TEST_F(Tun, CreatesAndDestroysDevicesInTheirInstance) {
     EXPECT_EQ(std::string(text, 3), std::string("\0ld", 3));
     zel_tun_ipv4_destroy(nullptr, 0, "red", 7); // never created
     EXPECT_EQ(open_files("/dev/net/tun"), 1);
+    EXPECT_EQ(devices_of_red(), "tun4_3 tun6_-3 "); // until somebody runs the deletion
     start_receive_thread();
     zel_tun_ipv4_destroy(nullptr, 0, "red", 3);
     Strings run;

@@ -13,13 +13,17 @@
  *   shell interprets inside them. It is written into commands as it is.
  * - `output` takes the text that the commands print, errors included, and is the only report: empty
  *   or harmless when all went well. It may be null. `output_size` is its size in bytes, at least 1;
- *   the text is always NUL-terminated and is cut where the room ends. Give it room: a command that
- *   prints more than fits is ended by SIGPIPE, perhaps before it has acted. (Current versions of ip
- *   print a warning for each IPv4 address.) Lines of the library's own end in "\r\n"; "Out of
- *   memory." among them means that the operation stopped there.
+ *   the text is always NUL-terminated and is cut where the room ends. Give it room, or none: of a
+ *   buffer with room for some of the text, a command that prints more is ended by SIGPIPE, perhaps
+ *   before it has acted. (Current versions of ip print a warning for each IPv4 address.) With a
+ *   null buffer, one of one byte or one that is full, up to 255 characters are read and dropped.
+ *   Lines of the library's own end in "\r\n"; "Out of memory." among them means that the operation
+ *   stopped there.
  * - Functions with `output` block while commands run, typically for milliseconds each. No lock is
  *   held meanwhile; the bookkeeping itself is done under one short priority-inheritance lock, which
  *   the functions of routing.h may hold for longer. With the posix locks switch off there is none.
+ * - Packets take no lock in either direction: whatever other threads configure, and for however
+ *   long, a send takes its own time only, and the receive thread goes on.
  */
 #ifndef ZELKERNEL_TUN_H
 #define ZELKERNEL_TUN_H
@@ -60,9 +64,18 @@ ZEL_EXPORT void zel_tun_ipv6_create(char* output, size_t output_size, const char
  * device name.
  *
  * A packet that another thread is sending or receiving at this moment still goes through the old
- * device. The descriptor is closed as soon as nobody uses it, never under a running read or write,
- * so that its number cannot be reused under them. Linux removes a registered device with its last
- * descriptor, even if that is one that a child of the process has inherited and keeps open. */
+ * device: `receive` may be called once more for the index after this call has returned. The
+ * descriptor is closed as soon as nobody uses it, never under a running read or write, so that its
+ * number cannot be reused under them. Once the receive thread has been started, Linux removes a
+ * registered device with its last descriptor, even if that is one that a child of the process has
+ * inherited and keeps open; without that thread the device stays, as does its queued deletion.
+ *
+ * The deletion is under way when the call returns, not over. A creation of the same index at once
+ * can be refused by Linux ("ioctl() failed for <device>", "Device or resource busy", "File
+ * exists"), or its device can be the one that the queued deletion then finds. Wait until the device
+ * is gone
+ * (`ip -n <name> link show dev <device>` fails), and repeat a creation that has reported an error
+ * after destroying the index; or take another index. */
 ZEL_EXPORT void zel_tun_ipv4_destroy(char* output, size_t output_size, const char* name, int index);
 ZEL_EXPORT void zel_tun_ipv6_destroy(char* output, size_t output_size, const char* name, int index);
 
@@ -101,7 +114,8 @@ ZEL_EXPORT void zel_tun_packet_init(zel_tun_receive_t receive, zel_tun_alloc_buf
 
 /* Hands one IP packet of `length` bytes to Linux, as if it had arrived on the device. Never retried
  * and never reported: without a device of this index and family nothing happens, a device that is
- * down or a packet that Linux refuses loses it. Takes the module's lock for the lookup only. */
+ * down or a packet that Linux refuses loses it. Takes no lock; blocks no longer than its one
+ * write(). */
 ZEL_EXPORT void zel_tun_ipv4_packet_send(int index, const void* packet, size_t length);
 ZEL_EXPORT void zel_tun_ipv6_packet_send(int index, const void* packet, size_t length);
 

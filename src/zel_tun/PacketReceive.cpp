@@ -1,7 +1,8 @@
 // The receive thread.
 #include "FifoAttributes.hpp"
 #include "PendingDeletes.hpp"
-#include "ReceiveSnapshot.hpp"
+#include "Probes.hpp"
+#include "ReceiveWait.hpp"
 #include "State.hpp"
 #include "Statistics.hpp"
 #include "SystemCallReport.hpp"
@@ -35,58 +36,41 @@ public:
     void pass();
 
 private:
-    fd_set wait_for_input();
-    void receive_packets(const fd_set& ready);
-    bool receive_packet(const WatchedDevice& device);
+    bool receive_packet(const ReadyDevice& device);
     bool drain_wakeup_pipe();
 
     TunRxCallbacks callbacks_;
-    ReceiveSnapshot snapshot_;
+    ReceiveWait wait_;
     char scratch_[100]{};
 };
 
 void Receiver::pass() {
-    bool changed = snapshot_.refresh();
-    const fd_set ready = wait_for_input();
-    // Again: the IP stack must not get a packet of a device destroyed during the wait, nor one read
-    // with an MTU from before it.
-    changed |= snapshot_.refresh();
-    receive_packets(ready);
-    const bool woken = FD_ISSET(state->rx_wakeup_read_fd, &ready);
-    if (woken && !drain_wakeup_pipe())
-        return;
-    // And again: a device that is to be deleted goes when the snapshot, too, has let go of it.
-    changed |= snapshot_.refresh();
-    if (woken || changed)
-        run_pending_tun_deletes();
-}
-
-fd_set Receiver::wait_for_input() {
-    fd_set ready = snapshot_.set();
-    if (select(snapshot_.max_fd() + 1, &ready, nullptr, nullptr, nullptr) < 0)
-        zel_fatal("rx packet select() failure", module_file, 744);
-    return ready;
-}
-
-void Receiver::receive_packets(const fd_set& ready) {
-    for (const WatchedDevice& device : snapshot_.devices()) {
-        if (FD_ISSET(device.fd, &ready) && !receive_packet(device))
-            snapshot_.ignore(device.fd);
+    wait_.refresh();
+    wait_.wait();
+    for (const ReadyDevice& device : wait_.ready_devices()) {
+        if (!receive_packet(device))
+            wait_.ignore(device.descriptor->number());
     }
+    if (wait_.is_woken() && !drain_wakeup_pipe())
+        return;
+    // Again: a device that is to be deleted goes when this thread, too, has let go of it.
+    wait_.refresh();
+    run_pending_tun_deletes();
 }
 
 // False when the device is gone from Linux (its namespace was deleted): its descriptor would be
 // ready for ever, and this thread, busy with it, would keep the threads below it from running.
-bool Receiver::receive_packet(const WatchedDevice& device) {
+bool Receiver::receive_packet(const ReadyDevice& device) {
     void* handle = nullptr;
     void* data = nullptr;
     callbacks_.alloc_buffer(&handle, &data, device.mtu);
+    const int fd = device.descriptor->number();
     zel_statistics_device& counters = device.descriptor->counters();
     if (handle == nullptr) {
         count(counters.dropped_packets);
-        return read(device.fd, scratch_, 1) >= 0 || errno != EBADFD;
+        return read(fd, scratch_, 1) >= 0 || errno != EBADFD;
     }
-    const ssize_t length = read(device.fd, data, static_cast<size_t>(device.mtu));
+    const ssize_t length = read(fd, data, static_cast<size_t>(device.mtu));
     if (length < 0) {
         const bool is_gone = errno == EBADFD;
         callbacks_.free_buffer(handle);
@@ -94,7 +78,8 @@ bool Receiver::receive_packet(const WatchedDevice& device) {
     }
     count(counters.received_packets);
     count(counters.received_bytes, static_cast<uint32_t>(length));
-    callbacks_.receive(device.index, handle, static_cast<int>(length));
+    ZEL_PROBE(packet_read, device.descriptor->ip_version(), device.descriptor->index(), length);
+    callbacks_.receive(device.descriptor->index(), handle, static_cast<int>(length));
     return true;
 }
 
@@ -131,9 +116,14 @@ using namespace zel::network;
 void zel_tun_packet_init(zel_tun_receive_t receive, zel_tun_alloc_buffer_t alloc_buffer,
                          zel_tun_free_buffer_t free_buffer, int priority) try {
     auto receiver = std::make_unique<Receiver>(TunRxCallbacks{receive, alloc_buffer, free_buffer});
+    // Before the thread can come to a deletion; see the destruction of a device.
+    state->has_receive_thread = state->rx_wakeup_read_fd != -1;
     // A refused thread has been reported by the creation call; the record is still ours then.
-    if (create_receive_thread(receiver.get(), priority) == 0)
+    if (create_receive_thread(receiver.get(), priority) == 0) {
         static_cast<void>(receiver.release());
+    } else {
+        state->has_receive_thread = false;
+    }
 } catch (const std::bad_alloc&) {
     zel::report_failure(ENOMEM, "zel_tun_packet_init");
 }

@@ -57,12 +57,11 @@ void register_with_criteria(OutputText& text, const char* name) {
 
 void forget_device(const VrfTun& device) {
     state->tun_fds(device.family).erase(device.index);
-    const auto info = state->fd_map.find(device.fd);
-    if (info == state->fd_map.end())
+    if (!state->fd_map.is_registered(device.fd))
         return;
-    info->second.descriptor->keep_open();
-    state->fd_map.erase(info);
-    state->unwatch(device.fd);
+    state->fd_map.at(device.fd).keep_open();
+    state->fd_map.erase(device.fd);
+    state->changed();
 }
 
 void unregister(const char* name) {

@@ -1,80 +1,174 @@
+// The descriptors of TUN devices: found by interface index and kept open by whoever uses them, both
+// without a lock. A packet never waits for a configuration that holds fd_map_mutex across commands.
+//
+// Three kinds of things, none of which is ever freed:
+// - A TunDescriptor for each number that select() can take, at its place in FdMap. It stands for an
+//   open descriptor while its count of references is not 0.
+// - A TunFds for each family: a hash table of fixed size from interface index to such a number.
+// - A TunReference: one count, held by its creator, then by the registration in FdMap, by the
+//   receive thread as long as it waits for the device, and by each send for its write().
+//
+// Who writes: registration, removal and the tables change under fd_map_mutex alone. Counts change
+// anywhere. What a descriptor is (number, index, counters) is written between the opening of its
+// number and the first reference, when nobody else can have either.
+//
+// Why a reader is right without a lock:
+// 1. Nothing a lookup touches is ever freed, so an outdated entry leads to an outdated
+//    TunDescriptor, not to foreign memory.
+// 2. try_acquire() never raises a count from 0. With the reference, the descriptor stays open, its
+//    number is not given out again, and so the TunDescriptor cannot come to stand for another.
+// 3. The count goes from 0 to 1 with release order after the fields are written; who raises it
+//    later acquires them. (A count is only changed by read-modify-write in between, which continues
+//    the release sequence.) So nobody reads a device half made.
+// 4. A lookup looks at its table entry again once it has the reference. At that moment the table
+//    maps the index to this very descriptor; if it does not, the lookup gives the reference back
+//    and has found nothing. The device was removed meanwhile, and the answer is right for the
+//    moment after that. Removal from the table comes before anything else is undone.
+// 5. An entry never moves. A lookup passes removed entries and ends at one that was never used; a
+//    removed one becomes unused again only when nothing can lie beyond it (see TunFds::erase). So
+//    a lookup never misses a device that is there all the time.
+// 6. The last reference to go closes the descriptor, on whatever thread. Between the count's fall
+//    to 0 and close() the number is still taken; after it the closing thread touches nothing.
+// A thread that is cancelled in write() gives its reference back as it unwinds. One that is stopped
+// for ever keeps one descriptor open, and nobody else waits. Any number of threads may send; the
+// table cannot fill up, because half as many numbers exist as it has entries. Only 32-bit words are
+// accessed atomically.
 #pragma once
 
 #include <zelkernel/statistics.h>
 
+#include <array>
 #include <atomic>
-#include <cstddef>
+#include <cstdint>
+#include <sys/select.h>
 #include <utility>
 
 namespace zel::network {
 
-// Owns an open TUN descriptor. It is shared by the maps of the state, the receive thread's snapshot
-// and the sends under way; the last of them to let go closes it. So nobody reads or writes a
-// number that has been reused, and nobody waits for anybody.
+inline constexpr const char* tun_driver = "/dev/net/tun";
+inline constexpr int default_mtu = 1500;
+
 class TunDescriptor {
 public:
-    TunDescriptor();
-    ~TunDescriptor();
-    TunDescriptor(const TunDescriptor&) = delete;
-    TunDescriptor& operator=(const TunDescriptor&) = delete;
-
-    bool open();
-    int number() const { return fd_; }
-
-    // Gives the device its place among the published counters, until the descriptor is closed.
-    void count_as(int family, int index);
+    // Of whoever holds a reference.
+    int number() const { return number_; }
+    int ip_version() const { return ip_version_; }
+    int index() const { return index_.load(std::memory_order_relaxed); }
+    void count_sent(std::uint32_t bytes) const;
     zel_statistics_device& counters() const { return *counters_; }
 
-    // From here on the device ends with its last open descriptor. The deletion command alone would
-    // not do: Linux refuses to delete a device that a sender of this process, or a child between
-    // fork and exec, still has open.
+    int mtu() const { return mtu_.load(std::memory_order_relaxed); }
+    void set_mtu(int mtu) { mtu_.store(mtu, std::memory_order_relaxed); }
+
+    // Whether somebody else has a reference, too.
+    bool is_shared() const { return references_.load(std::memory_order_relaxed) > 1; }
+
+    // From here on the device ends with its last open descriptor.
     void end_device_with_descriptor() const;
 
     // Leaves the descriptor open for the process's life. Under the module's lock.
     void keep_open() { keep_open_ = true; }
 
 private:
-    friend class SharedTunDescriptor;
+    friend class FdMap;
+    friend class TunReference;
+    friend class TunFds;
 
-    std::atomic<int> references_{1};
-    int fd_ = -1;
+    void adopt(int number, int family, int index);
+    bool try_acquire();
+    void release();
+    void close_number();
+
+    std::atomic<std::uint32_t> references_{0};
+    std::atomic<std::uint32_t> is_registered_{0};
+    std::atomic<int> index_{0}; // also read by lookups that have no reference yet
+    std::atomic<int> mtu_{0};
+    int number_ = -1;
+    int ip_version_ = 0;
     bool keep_open_ = false;
-    zel_statistics_device* counters_;
+    zel_statistics_device* counters_ = nullptr;
 };
 
-// A counted reference. Every packet sent takes one and gives it back; std::shared_ptr would ask
-// each time whether the process has other threads, and count in a place of its own, which costs a
-// send one per cent.
-class SharedTunDescriptor {
+// Owns one reference, or none.
+class TunReference {
 public:
-    SharedTunDescriptor(std::nullptr_t = nullptr) {}
-    static SharedTunDescriptor make() { return SharedTunDescriptor{new TunDescriptor}; }
-
-    SharedTunDescriptor(const SharedTunDescriptor& other) : descriptor_(other.descriptor_) {
-        if (descriptor_ != nullptr)
-            descriptor_->references_.fetch_add(1, std::memory_order_relaxed);
-    }
-    SharedTunDescriptor(SharedTunDescriptor&& other) noexcept
+    TunReference() = default;
+    TunReference(TunReference&& other) noexcept
         : descriptor_(std::exchange(other.descriptor_, nullptr)) {}
-    SharedTunDescriptor& operator=(SharedTunDescriptor other) noexcept {
+    TunReference& operator=(TunReference&& other) noexcept {
         std::swap(descriptor_, other.descriptor_);
         return *this;
     }
-    ~SharedTunDescriptor() {
-        if (descriptor_ != nullptr &&
-            descriptor_->references_.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            delete descriptor_;
-    }
+    ~TunReference() { reset(); }
 
-    bool operator==(std::nullptr_t) const { return descriptor_ == nullptr; }
+    void reset() {
+        if (descriptor_ != nullptr)
+            std::exchange(descriptor_, nullptr)->release();
+    }
+    explicit operator bool() const { return descriptor_ != nullptr; }
     TunDescriptor* operator->() const { return descriptor_; }
 
 private:
-    explicit SharedTunDescriptor(TunDescriptor* owned) : descriptor_(owned) {}
+    friend class FdMap;
+    friend class TunFds;
+
+    explicit TunReference(TunDescriptor* owned) : descriptor_(owned) {}
 
     TunDescriptor* descriptor_ = nullptr;
 };
 
-inline constexpr const char* tun_driver = "/dev/net/tun";
+// Every TUN descriptor by its number. The registered ones are what the receive thread reads.
+class FdMap {
+public:
+    // Makes an open descriptor below FD_SETSIZE one of ours, closed with the last reference.
+    TunReference adopt(int number, int family, int index);
+
+    // Null when nothing is registered at that number. Any thread.
+    TunReference acquire(int number);
+    bool is_registered(int number) const {
+        return descriptors_[number].is_registered_.load(std::memory_order_acquire) != 0;
+    }
+
+    // Under the module's lock; the number stands in a table, or the caller has looked.
+    TunDescriptor& at(int number) { return descriptors_[number]; }
+    void insert(TunReference descriptor);
+    TunReference erase(int number);
+
+private:
+    friend class TunFds;
+
+    TunDescriptor descriptors_[FD_SETSIZE];
+};
+
+// Interface index to descriptor, of one family.
+class TunFds {
+public:
+    explicit TunFds(FdMap& fd_map) : fd_map_(fd_map) {}
+
+    // What a send goes to; null when there is no such device. Any thread.
+    TunReference acquire(int index) const;
+
+    // Under the module's lock. An index that is known keeps its number; -1 when it is not known.
+    void insert(int index, int number);
+    int find(int index) const;
+    void erase(int index);
+
+private:
+    using Entry = std::uint16_t; // unused, removed, or a number and first_number
+    static constexpr Entry unused = 0, removed = 1, first_number = 2;
+    static constexpr unsigned log2_size = 11, size = 1U << log2_size;
+    static_assert(size >= 2 * FD_SETSIZE);
+
+    static unsigned first_position(int index);
+    static unsigned next(unsigned position) { return (position + 1) % size; }
+    TunDescriptor& descriptor(Entry entry) const {
+        return fd_map_.descriptors_[entry - first_number];
+    }
+    // The position of the index's entry, else `size`.
+    unsigned position_of(int index) const;
+
+    FdMap& fd_map_;
+    std::array<std::atomic<Entry>, size> entries_{};
+};
 
 } // namespace zel::network

@@ -8,10 +8,14 @@
 #include <zelkernel/tun.h>
 
 #include <cstring>
+#include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
+#include <memory>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
 
 namespace zel::network {
 namespace {
@@ -26,64 +30,47 @@ bool attach_to_device(int fd, const std::string& device) {
     return ioctl(fd, TUNSETIFF, &request) >= 0;
 }
 
-// Null, with the reason in `output`, when the device cannot be opened.
-SharedTunDescriptor open_device(OutputText& output, const std::string& device) {
-    auto descriptor = SharedTunDescriptor::make();
-    if (!descriptor->open()) {
+// Nothing, with the reason in `output`, when the device cannot be opened.
+TunReference open_device(OutputText& output, const std::string& device, int family, int index) {
+    const int fd = open(tun_driver, O_RDWR | O_CLOEXEC);
+    if (fd == -1) {
         output.append("Unable to open %s.\r\n", tun_driver);
-        return nullptr;
+        return {};
     }
-    if (descriptor->number() >= FD_SETSIZE) {
-        output.append("Descriptor %d is too large for %s\r\n", descriptor->number(),
-                      device.c_str());
-        return nullptr;
-    }
-    if (!attach_to_device(descriptor->number(), device)) {
+    if (fd >= FD_SETSIZE) {
+        output.append("Descriptor %d is too large for %s\r\n", fd, device.c_str());
+    } else if (!attach_to_device(fd, device)) {
         output.append("ioctl() failed for %s\r\n", device.c_str());
-        return nullptr;
+    } else {
+        return state->fd_map.adopt(fd, family, index);
     }
-    return descriptor;
+    close(fd);
+    return {};
 }
 
-// The entries of a new device, made ahead: entering them cannot fail half way.
-class Registration {
-public:
-    Registration(int family, int index, const SharedTunDescriptor& descriptor)
-        : family_(family), fd_(descriptor->number()), vrf_tun_{{family, fd_, index}} {
-        by_fd_.emplace(fd_, TunFdInfo{index, default_mtu, descriptor});
-        by_index_.emplace(index, descriptor);
-    }
-
-    // An index that is known already keeps its earlier descriptor.
-    void enter(const char* name) {
-        const PosixLock lock{state->fd_map_mutex};
-        const auto instance = state->vrf_map.find(name);
-        if (instance != state->vrf_map.end())
-            instance->second.splice(instance->second.end(), vrf_tun_);
-        state->fd_map.merge(by_fd_);
-        state->tun_fds(family_).merge(by_index_);
-        state->watch(fd_);
-    }
-
-private:
-    int family_;
-    int fd_;
-    std::list<VrfTun> vrf_tun_;
-    std::map<int, TunFdInfo> by_fd_;
-    TunFds by_index_;
-};
+// An index that is known already keeps its earlier descriptor. The instance's entry is made ahead:
+// what is done here cannot fail half way.
+void enter(TunReference descriptor, const char* name, std::list<VrfTun>& vrf_tun) {
+    const auto [family, fd, index] = vrf_tun.front();
+    const PosixLock lock{state->fd_map_mutex};
+    const auto instance = state->vrf_map.find(name);
+    if (instance != state->vrf_map.end())
+        instance->second.splice(instance->second.end(), vrf_tun);
+    state->fd_map.insert(std::move(descriptor));
+    state->tun_fds(family).insert(index, fd);
+    state->changed();
+}
 
 void zel_tun_create(char* output, size_t output_size, const char* name, int index, int family) {
     report_into(output, output_size, [=](OutputText& text) {
         const std::string device = device_name(family, index);
         text.run("ip tuntap add dev " + device + " mode tun 2>&1");
-        const SharedTunDescriptor descriptor = open_device(text, device);
-        if (descriptor == nullptr)
+        TunReference descriptor = open_device(text, device, family, index);
+        if (!descriptor)
             return;
-        descriptor->count_as(family, index);
-        Registration registration{family, index, descriptor};
+        std::list<VrfTun> vrf_tun{{family, descriptor->number(), index}};
         text.run("ip link set dev " + device + " netns \"" + name + "\" 2>&1");
-        registration.enter(name);
+        enter(std::move(descriptor), name, vrf_tun);
         wakeup_zel_tun_packet_receive();
     });
 }
@@ -95,36 +82,42 @@ void forget_in_its_instance(int fd) {
         devices.remove_if([fd](const VrfTun& device) { return device.fd == fd; });
 }
 
-// Takes the device out of the state and hands over its descriptor; null when it is not registered.
-SharedTunDescriptor unregister(int index, int family) {
+// Takes the device out of the state and hands over its descriptor; nothing when it is not known.
+TunReference unregister(int index, int family) {
     TunFds& tun_fds = state->tun_fds(family);
-    const auto found = tun_fds.find(index);
-    if (found == tun_fds.end())
-        return nullptr;
-    SharedTunDescriptor descriptor = std::move(found->second);
-    forget_in_its_instance(descriptor->number());
-    tun_fds.erase(found);
-    state->fd_map.erase(descriptor->number());
-    state->unwatch(descriptor->number());
+    const int fd = tun_fds.find(index);
+    if (fd == -1)
+        return {};
+    forget_in_its_instance(fd);
+    tun_fds.erase(index);
+    TunReference descriptor = state->fd_map.erase(fd);
+    state->changed();
     return descriptor;
+}
+
+// The deletion command alone would not do where somebody else may have the device open: Linux
+// refuses it while a sender of this process, the receive thread, or a child between fork and exec
+// has. Without a receive thread nobody runs the command yet, and the device is to stay until then.
+void end_device(const TunDescriptor& descriptor) {
+    if (state->has_receive_thread || descriptor.is_shared())
+        descriptor.end_device_with_descriptor();
 }
 
 void zel_tun_destroy(char* output, const char* name, int index, int family) {
     // Of this buffer only the first byte is known to exist.
     report_into(output, 1, [=](OutputText& text) {
         text.clear();
-        std::list<PendingTunDelete> deletion{{family, index, name}};
+        auto deletion = std::make_unique<PendingTunDelete>(family, index, name);
         // Outside the critical section: closing a TUN descriptor takes the kernel milliseconds.
-        SharedTunDescriptor descriptor;
+        TunReference descriptor;
         {
             const PosixLock lock{state->fd_map_mutex};
             descriptor = unregister(index, family);
-            state->pending_tun_deletes.splice(state->pending_tun_deletes.end(), deletion);
-            state->changed();
+            state->pending_tun_deletes.push_back(std::move(deletion));
         }
-        if (descriptor != nullptr)
-            descriptor->end_device_with_descriptor();
-        descriptor = nullptr;
+        if (descriptor)
+            end_device(*descriptor.operator->());
+        descriptor.reset();
         wakeup_zel_tun_packet_receive();
     });
 }

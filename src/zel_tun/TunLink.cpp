@@ -26,15 +26,9 @@ void record_mtu(int index, int mtu, int family) {
     if (mtu < 1)
         return;
     const PosixLock lock{state->fd_map_mutex};
-    const TunFds& tun_fds = state->tun_fds(family);
-    const auto device = tun_fds.find(index);
-    if (device == tun_fds.end())
-        return;
-    const auto info = state->fd_map.find(device->second->number());
-    if (info == state->fd_map.end())
-        return;
-    info->second.mtu = mtu;
-    state->changed();
+    const int fd = state->tun_fds(family).find(index);
+    if (fd != -1)
+        state->fd_map.at(fd).set_mtu(mtu);
 }
 
 void zel_tun_mtu(char* output, size_t output_size, const char* name, int index, int mtu,

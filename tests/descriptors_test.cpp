@@ -1,0 +1,115 @@
+// The lock-free tables of descriptors, by themselves: files stand for the devices.
+#include "zel_tun/TunDescriptor.hpp"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <netinet/in.h>
+#include <random>
+#include <sys/mman.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace zel::network;
+
+struct Tables {
+    FdMap fd_map;
+    TunFds tun_fds{fd_map};
+};
+
+// A file that holds the index it stands for.
+void add(Tables& tables, int index) {
+    const int number = memfd_create("device", MFD_CLOEXEC);
+    ASSERT_EQ(write(number, &index, sizeof index), ssize_t{sizeof index});
+    tables.fd_map.insert(tables.fd_map.adopt(number, AF_INET, index));
+    tables.tun_fds.insert(index, number);
+}
+
+void remove(Tables& tables, int index) {
+    const int number = tables.tun_fds.find(index);
+    tables.tun_fds.erase(index);
+    tables.fd_map.erase(number); // and gives the reference up
+}
+
+TEST(TunFds, AreWhatAMapWouldBe) {
+    const auto tables = std::make_unique<Tables>();
+    std::map<int, int> expected;
+    std::minstd_rand random{1}; // the same each time
+    for (int i = 0; i < 200'000; ++i) {
+        // In clusters, negative ones among them; now and then nearly all numbers are taken.
+        const int index = static_cast<int>(random() % 1500) * (i % 2 == 0 ? 1 : -65536);
+        const int number = static_cast<int>(random() % FD_SETSIZE);
+        const auto known = expected.find(index);
+        EXPECT_EQ(tables->tun_fds.find(index), known == expected.end() ? -1 : known->second);
+        if (known != expected.end() && i / 5000 % 2 == 1) {
+            tables->tun_fds.erase(index);
+            tables->fd_map.erase(known->second).reset();
+            expected.erase(known);
+        } else if (known == expected.end() && !tables->fd_map.is_registered(number)) {
+            TunReference made = tables->fd_map.adopt(number, AF_INET, index);
+            made->keep_open(); // it is none
+            tables->fd_map.insert(std::move(made));
+            tables->tun_fds.insert(index, number);
+            expected[index] = number;
+        }
+        ASSERT_EQ(static_cast<bool>(tables->tun_fds.acquire(index)), expected.contains(index));
+    }
+}
+
+// A device that is there all the time is always found; one that comes and goes is found whole or
+// not at all, although its number, its index and its place in the table are used again at once.
+TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
+    const auto tables = std::make_unique<Tables>();
+    constexpr int lasting = 0, indices = 6;
+    add(*tables, lasting);
+    std::atomic<bool> stop{false};
+    std::atomic<int> found{0};
+    std::vector<std::thread> readers;
+    for (int reader = 0; reader < 3; ++reader) {
+        readers.emplace_back([&, reader] {
+            for (int turn = reader; !stop; ++turn) {
+                const int index = turn % indices;
+                // Two of the three as senders do, one as the receive thread does.
+                const TunReference device = reader < 2 ? tables->tun_fds.acquire(index)
+                                                       : tables->fd_map.acquire(3 + turn % 32);
+                EXPECT_TRUE(device || reader == 2 || index != lasting);
+                if (!device)
+                    continue;
+                int stands_for = -1;
+                EXPECT_EQ(pread(device->number(), &stands_for, sizeof stands_for, 0),
+                          ssize_t{sizeof stands_for});
+                EXPECT_EQ(stands_for, device->index());
+                EXPECT_TRUE(reader == 2 || stands_for == index);
+                ++found;
+            }
+        });
+    }
+    readers.emplace_back([&] { // as a creation that fails, beside those that do not
+        while (!stop)
+            tables->fd_map.adopt(memfd_create("device", MFD_CLOEXEC), AF_INET, 99).reset();
+    });
+    // By what the readers have seen and not by time alone: they may hardly run.
+    for (int round = 0; round < 20'000 || found < 2'000; ++round) {
+        const int index = 1 + round % (indices - 1);
+        if (tables->tun_fds.find(index) == -1) {
+            add(*tables, index);
+        } else {
+            remove(*tables, index);
+        }
+    }
+    stop = true;
+    for (std::thread& reader : readers)
+        reader.join();
+    for (int index = 0; index < indices; ++index) {
+        if (const int number = tables->tun_fds.find(index); number != -1) {
+            remove(*tables, index);
+            EXPECT_EQ(fcntl(number, F_GETFD), -1) << "still open";
+        }
+    }
+}
+
+} // namespace
