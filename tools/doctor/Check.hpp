@@ -16,6 +16,7 @@ enum class Status : char { ok = 'o', note = 'n', missing = 'm', unknown = 'u' };
 struct Finding {
     Status status;
     std::string found;
+    std::string remedy = {}; // when the reason asks for another than the check's
 };
 
 // What the user asked about.
@@ -29,25 +30,37 @@ struct Check {
     Finding (*probe)(const Request&);
     const char* consequence; // of its not being there
     const char* remedy;
+    // Checks before it without which it is not tried: it would only repeat what they found.
+    std::array<const char*, 2> needs = {};
 };
 
 struct Result {
     const char* what;
     Finding finding;
     const char* consequence;
-    const char* remedy;
+    std::string remedy; // none for what was not tried: the needed check has it
 };
 
 std::span<const Check> real_time_checks();
 std::span<const Check> tool_checks();
+std::span<const Check> run_directory_checks();
 std::span<const Check> network_checks(); // only ever run by in_private_namespaces()
 std::vector<Result> check_priorities(const Request& request);
 
 // The highest Linux priority that the table leads to.
 std::int64_t highest_wanted(const Request& request);
 
+// The finding of one check; `before` are the results of those before it.
+Finding examine(const Check& check, const Request& request, std::span<const Result> before);
+Finding not_tried_without(const char* what);
+Result result_of(const Check& check, Finding finding);
+
+void run_checks(std::span<const Check> checks, const Request& request,
+                std::vector<Result>& results);
+
 // Runs the checks in a child process with network and mount namespaces of its own, so that what
 // they create goes away with the child.
-std::vector<Result> in_private_namespaces(std::span<const Check> checks, const Request& request);
+void run_in_private_namespaces(std::span<const Check> checks, const Request& request,
+                               std::vector<Result>& results);
 
 } // namespace zel::doctor

@@ -7,6 +7,23 @@
 #include <cstring>
 
 namespace zel::doctor {
+namespace {
+
+bool speaks_of_rights(const std::string& output) {
+    return output.find(std::strerror(EPERM)) != std::string::npos ||
+           output.find(std::strerror(EACCES)) != std::string::npos;
+}
+
+} // namespace
+
+const char* const rights_remedy =
+    "run as root, or with the ambient capabilities sys_nice, net_admin, sys_admin and dac_override "
+    "(setpriv, or a systemd unit's AmbientCapabilities=); those of a file (setcap) do not reach "
+    "the commands that the library runs";
+
+bool is_refusal(int error) {
+    return error == EPERM || error == EACCES;
+}
 
 CommandResult run_command(const char* command) {
     std::FILE* stream = popen((std::string("{ ") + command + "; } 2>&1").c_str(), "re");
@@ -23,8 +40,8 @@ Finding all_succeed(std::initializer_list<const char*> commands) {
     for (const char* command : commands) {
         const auto [succeeded, output] = run_command(command);
         if (!succeeded) {
-            return {Status::missing,
-                    format("\"%s\" fails: %s", command, first_line(output).c_str())};
+            return {Status::missing, format("\"%s\" fails: %s", command, one_line(output).c_str()),
+                    speaks_of_rights(output) ? rights_remedy : ""};
         }
     }
     return {Status::ok, "works"};

@@ -1,6 +1,7 @@
 // Trials that must leave no trace on the machine.
 #include "Check.hpp"
 
+#include "Command.hpp"
 #include "Text.hpp"
 
 #include <cerrno>
@@ -15,70 +16,88 @@
 namespace zel::doctor {
 namespace {
 
-// The ip tool keeps named namespaces under /var/run, iptables its lock under /run: both get a file
-// system of their own. Empty on success.
-std::string enter_private_namespaces() {
-    if (unshare(CLONE_NEWNET) != 0)
-        return format("a new network namespace is refused: %s", std::strerror(errno));
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return format("a new mount namespace is refused: %s", std::strerror(errno));
-    for (const char* directory : {"/run", "/var/run"}) {
-        if (mount("tmpfs", directory, "tmpfs", 0, "mode=755") != 0 && errno != ENOENT)
-            return format("%s cannot be covered: %s", directory, std::strerror(errno));
-    }
-    return {};
+Finding refused(const char* what) {
+    const int error = errno;
+    return {Status::missing, format("%s: %s", what, std::strerror(error)),
+            is_refusal(error) ? rights_remedy : ""};
 }
 
-// One finding after the other, each: status, text, NUL.
-[[noreturn]] void report_from_child(int fd, std::span<const Check> checks, const Request& request) {
+// The ip tool keeps named namespaces under /var/run, iptables its lock under /run: both get a file
+// system of their own.
+Finding enter_private_namespaces() {
+    if (unshare(CLONE_NEWNET) != 0)
+        return refused("a new network namespace is refused");
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        return refused("a new mount namespace is refused");
+    for (const char* directory : {"/run", "/var/run"}) {
+        if (mount("tmpfs", directory, "tmpfs", 0, "mode=755") != 0 && errno != ENOENT)
+            return refused(format("%s cannot be covered", directory).c_str());
+    }
+    return {Status::ok, ""};
+}
+
+void write_text(const std::string& text, std::FILE* out) {
+    std::fwrite(text.c_str(), 1, text.size() + 1, out);
+}
+
+// One finding after the other, each: status, text, NUL, remedy, NUL.
+[[noreturn]] void report_from_child(int fd, std::span<const Check> checks, const Request& request,
+                                    std::vector<Result>& results) {
     std::FILE* out = fdopen(fd, "w");
-    const std::string refused = enter_private_namespaces();
+    const Finding entered = enter_private_namespaces();
     for (const Check& check : checks) {
-        const bool first = &check == checks.data();
-        const Finding finding =
-            refused.empty() ? check.probe(request)
-                            : Finding{first ? Status::missing : Status::unknown,
-                                      first ? refused : "not tried without a network namespace"};
+        Finding finding = entered;
+        if (entered.status == Status::ok) {
+            finding = examine(check, request, results);
+        } else if (&check != checks.data()) {
+            finding = not_tried_without(checks.front().what);
+        }
         std::fputc(static_cast<char>(finding.status), out);
-        std::fwrite(finding.found.c_str(), 1, finding.found.size() + 1, out);
+        write_text(finding.found, out);
+        write_text(finding.remedy, out);
+        results.push_back(result_of(check, std::move(finding)));
     }
     std::fflush(out);
     _exit(0);
 }
 
-Finding read_finding(std::FILE* in) {
-    Finding finding{Status::unknown, ""};
-    int c = std::fgetc(in);
-    if (c == EOF)
-        return {Status::unknown, "the trial ended early"};
-    finding.status = static_cast<Status>(c);
+std::string read_text(std::FILE* in) {
+    std::string text;
+    int c;
     while ((c = std::fgetc(in)) != EOF && c != '\0')
-        finding.found += static_cast<char>(c);
-    return finding;
+        text += static_cast<char>(c);
+    return text;
+}
+
+Finding read_finding(std::FILE* in) {
+    const int status = std::fgetc(in);
+    if (status == EOF)
+        return {Status::unknown, "the trial ended early"};
+    std::string found = read_text(in);
+    return {static_cast<Status>(status), std::move(found), read_text(in)};
 }
 
 } // namespace
 
-std::vector<Result> in_private_namespaces(std::span<const Check> checks, const Request& request) {
-    std::vector<Result> results;
+void run_in_private_namespaces(std::span<const Check> checks, const Request& request,
+                               std::vector<Result>& results) {
     int ends[2] = {-1, -1};
     const pid_t child = pipe(ends) == 0 ? fork() : -1;
     if (child == 0) {
         close(ends[0]);
-        report_from_child(ends[1], checks, request);
+        report_from_child(ends[1], checks, request, results);
     }
     close(ends[1]);
     std::FILE* in = child > 0 ? fdopen(ends[0], "r") : nullptr;
     for (const Check& check : checks) {
-        Finding finding =
-            in != nullptr ? read_finding(in) : Finding{Status::unknown, "no process for the trial"};
-        results.push_back({check.what, std::move(finding), check.consequence, check.remedy});
+        results.push_back(
+            result_of(check, in != nullptr ? read_finding(in)
+                                           : Finding{Status::unknown, "no process for the trial"}));
     }
     if (in != nullptr)
         std::fclose(in);
     if (child > 0)
         waitpid(child, nullptr, 0);
-    return results;
 }
 
 } // namespace zel::doctor

@@ -127,8 +127,8 @@ constexpr Check checks[] = {
     {"real-time rights", real_time_rights,
      "zel_kernel_init stops the process: the kernel-call thread cannot be made; a priority above "
      "the highest one allowed is refused with EPERM",
-     "run as root, give the program CAP_SYS_NICE (setcap cap_sys_nice+ep) or the user an rtprio "
-     "limit (limits.conf); in a control group, give it real-time bandwidth"},
+     "run as root, with the ambient capability sys_nice, or give the user an rtprio limit "
+     "(limits.conf); in a control group, give it real-time bandwidth"},
     {"real-time throttling", throttling,
      "once its share is used up, every SCHED_FIFO thread stands still for the rest of the period: "
      "ticks are lost",

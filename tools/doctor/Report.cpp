@@ -47,11 +47,11 @@ bool all_good(std::span<const Result> results) {
 
 void print_text(std::span<const Result> results) {
     for (const Result& result : results) {
-        const auto& [status, found] = result.finding;
-        std::printf("%-8s %-28s %s\n", name_of(status), result.what, found.c_str());
-        if (status != Status::ok) {
+        const Finding& finding = result.finding;
+        std::printf("%-8s %-28s %s\n", name_of(finding.status), result.what, finding.found.c_str());
+        if (finding.status != Status::ok && !result.remedy.empty()) {
             std::printf("%-8s   consequence: %s\n%-8s   remedy: %s\n", "", result.consequence, "",
-                        result.remedy);
+                        result.remedy.c_str());
         }
     }
 }

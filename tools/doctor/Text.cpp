@@ -19,4 +19,15 @@ std::string first_line(std::string_view text) {
     return std::string(text.substr(0, text.find_first_of("\r\n")));
 }
 
+std::string one_line(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const std::string line = first_line(text);
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        if (!line.empty())
+            result += (result.empty() ? "" : "; ") + line;
+    }
+    return result;
+}
+
 } // namespace zel::doctor

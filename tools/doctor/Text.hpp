@@ -10,4 +10,7 @@ namespace zel::doctor {
 
 std::string first_line(std::string_view text);
 
+// The lines of the text, with "; " between them.
+std::string one_line(std::string_view text);
+
 } // namespace zel::doctor

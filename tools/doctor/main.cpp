@@ -84,21 +84,17 @@ Options parse(int argc, char** argv) {
     return result;
 }
 
-void run(std::span<const Check> checks, const Request& request, std::vector<Result>& results) {
-    for (const Check& check : checks)
-        results.push_back({check.what, check.probe(request), check.consequence, check.remedy});
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
     const Options options = parse(argc, argv);
+    setenv("LC_ALL", "C", 1); // what the commands print is read
     std::vector<Result> results;
-    run(real_time_checks(), options.request, results);
-    run(tool_checks(), options.request, results);
-    for (auto&& more : {in_private_namespaces(network_checks(), options.request),
-                        check_priorities(options.request)})
-        results.insert(results.end(), more.begin(), more.end());
+    for (const auto checks : {real_time_checks(), tool_checks(), run_directory_checks()})
+        run_checks(checks, options.request, results);
+    run_in_private_namespaces(network_checks(), options.request, results);
+    const auto priorities = check_priorities(options.request);
+    results.insert(results.end(), priorities.begin(), priorities.end());
     (options.json ? print_json : print_text)(results);
     return all_good(results) ? 0 : 1;
 }
