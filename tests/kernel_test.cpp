@@ -7,6 +7,7 @@ ZEL_INTERPOSE(int, pthread_create,
               (pthread_t * id, const pthread_attr_t* attr, void* (*start)(void*), void* arg),
               (id, attr, start, arg), noexcept)
 ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
+ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream), )
 
 namespace {
 
@@ -166,7 +167,7 @@ TEST(Memory, IsReadFromMeminfo) {
           Case{"MemTotal:", 0, 0}, Case{"\n", 0, 0}}) {
         interposed::fopen = [&](const char* path, const char* mode) {
             EXPECT_STREQ(path, "/proc/meminfo");
-            EXPECT_STREQ(mode, "re");
+            EXPECT_STREQ(mode, "r");
             return fmemopen(const_cast<char*>(c.text.data()), c.text.size(), "r");
         };
         EXPECT_EQ(zel_get_total_mem(), c.total) << c.text;
@@ -203,6 +204,10 @@ TEST(RunCommand, CapturesWhatFitsAndReturnsTheStatus) {
     sigaction(SIGALRM, &action, nullptr); // interrupts reads and waits
     const itimerval often{{0, 3000}, {0, 3000}};
     setitimer(ITIMER_REAL, &often, nullptr);
+    interposed::pclose = [](FILE* stream) {
+        EXPECT_EQ(fcntl(fileno(stream), F_GETFD), FD_CLOEXEC);
+        return real::pclose(stream);
+    };
     run_commands({{"echo abc", 256, "abc\n", 0},
                   {"echo abc", 5, "abc\n", 0},
                   {"echo abc", 3, "ab", 0},

@@ -442,7 +442,7 @@ TEST(Affinity, CountIsTheLastLinePrintedAndAtLeastOne) {
         num_processors = 0;
         interposed::popen = [instead = command](const char* given, const char* mode) {
             EXPECT_STREQ(given, "grep -c processor /proc/cpuinfo");
-            EXPECT_STREQ(mode, "re");
+            EXPECT_STREQ(mode, "r");
             return real::popen(instead, mode);
         };
         EXPECT_EQ(getNumOfCpus(), expected) << command;

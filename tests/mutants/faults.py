@@ -30,6 +30,7 @@ state = of("KernelState.cpp", "kernel_test")
 signals = of("ReservedSignals.cpp", "kernel_test")
 system = of("SystemInformation.cpp", "kernel_test")
 command = of("ShellCommand.cpp", "kernel_test")
+closing = of("CloseOnExec.hpp", "kernel_test")
 source = of("LinuxInterruptSource.cpp", "interrupts_test")
 manager = of("LinuxInterruptMgr.cpp", "interrupts_test")
 deferred = of("LinuxDeferredServiceController.cpp", "interrupts_test")
@@ -187,6 +188,7 @@ FAULTS = [
     command("the last character is not terminated", "capture(running.stream(), output, output_size - 1)",
             "capture(running.stream(), output, output_size)"),
     command("a signal cuts the text", "errno != EINTR", "true"),
+    closing("commands inherit a command's descriptor", "F_SETFD, FD_CLOEXEC", "F_SETFD, 0"),
 
     source("a source is not enabled after its pulse",
            "    zel::count_interrupt(static_cast<uint32_t>(interruptVector));\n    enable();\n",
