@@ -33,8 +33,8 @@ class CheckWraps(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.directory.name, name)
 
-    def build(self, output, source, *options, compiler=CC):
-        built = run(compiler, "-x", "c", "-", "-x", "none", "-w", "-o", self.path(output), *options,
+    def build(self, output, source, *options, compiler=CC, language="c"):
+        built = run(compiler, "-x", language, "-", "-x", "none", "-w", "-o", self.path(output), *options,
                     input=source)
         self.assertEqual(built.returncode, 0, built.stderr)
         return self.path(output)
@@ -86,6 +86,28 @@ class CheckWraps(unittest.TestCase):
         self.assertEqual(check_wraps(self.calls("good.o", "usleep", "write", options=["-c"])), (0, {}))
         self.assertEqual(check_wraps(self.calls("program", "usleep", "pthread_create")),
                          (1, {("program", "left-unwrapped"): ["pthread_create", "usleep"]}))
+
+    def test_names_that_the_library_takes(self):
+        own = "static int sev; __attribute__((visibility(\"hidden\"))) int its;"
+        use = "extern int timer_id[], num_processors; "
+        main = f"int mask[2]; void process(void) {{}} {own} int main(void) {{ return 0; }}"
+        unit = self.build("unit.o", main, "-c")
+        self.assertEqual(check_wraps(unit), (1, {("unit.o", "taken-name"): ["mask", "process"]}))
+        library = ["-no-pie", "-fno-pie", "-Wl,--no-as-needed", os.environ["LIBRARY"]]
+        for output, source, found in [
+                ("taking", main, ["mask", "process"]),
+                ("copying", own + use + "int main(void) { return timer_id[0] + num_processors; }", None)]:
+            program = self.build(output, source, *library)
+            self.assertEqual(check_wraps(program)[1].get((output, "taken-name")), found)
+        shared = self.build("libtaking.so", "int mask;", "-shared")
+        found = check_wraps(self.calls("with_library", options=library + [shared, "-Wl,-rpath,$ORIGIN"]))[1]
+        self.assertEqual(found, {("libtaking.so", "taken-name"): ["mask"]})
+        # Classes of the headers leave weak symbols of the library's in every object that uses them.
+        driver = self.build("driver.o", "#include <zelkernel/interrupt_source.hpp>\n"
+                            "struct D : Drivers::Api::InterruptProcessing::InterruptServiceRoutine"
+                            "{ void isr() override; };\nvoid D::isr() {}", "-c", "-std=c++20",
+                            "-I" + os.environ["INCLUDE"], language="c++")
+        self.assertEqual(check_wraps(driver), (0, {}))
 
     def test_needed_libraries(self):
         self.calls("libdeep.so", "sleep", options=["-shared"])
