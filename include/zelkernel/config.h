@@ -1,4 +1,8 @@
-/* What every public header needs: linkage, symbol visibility, and a check of the time ABI. */
+/* What every public header needs: linkage, symbol visibility, and a check of the time ABI.
+ *
+ * The headers *.h compile as C99, as C++98 and as everything later. In strict C (-std=c99, not
+ * gnu99) those with clocks and signals need POSIX's types: -D_POSIX_C_SOURCE=200112L or more. The
+ * headers with classes, *.hpp, need C++11. */
 #ifndef ZELKERNEL_CONFIG_H
 #define ZELKERNEL_CONFIG_H
 
@@ -16,12 +20,12 @@
 #ifdef __cplusplus
 #define ZEL_BEGIN_DECLS extern "C" {
 #define ZEL_END_DECLS }
-#define ZEL_NORETURN [[noreturn]]
 #else
 #define ZEL_BEGIN_DECLS
 #define ZEL_END_DECLS
-#define ZEL_NORETURN _Noreturn
 #endif
+
+#define ZEL_NORETURN __attribute__((noreturn))
 
 /* Part of the exported interface; everything else in the library is hidden. */
 #define ZEL_EXPORT __attribute__((visibility("default")))

@@ -1,9 +1,15 @@
 // Deferred service routines: the part of an interrupt's service that runs in the kernel's context.
 #pragma once
 
+#if __cplusplus < 201103L
+#error "libzelkernel's classes need C++11"
+#endif
+
 #include <zelkernel/config.h>
 
-namespace Drivers::Api::InterruptProcessing {
+namespace Drivers {
+namespace Api {
+namespace InterruptProcessing {
 
 // What a driver implements. The first virtual function is the one that is run; a class of the
 // application's own framework serves as well when dsr() is in its first slot.
@@ -16,9 +22,13 @@ protected:
     ~DeferredServiceRoutine() = default;
 };
 
-} // namespace Drivers::Api::InterruptProcessing
+} // namespace InterruptProcessing
+} // namespace Api
+} // namespace Drivers
 
-namespace Drivers::Devices::InterruptProcessing {
+namespace Drivers {
+namespace Devices {
+namespace InterruptProcessing {
 
 // The one controller of the process, made by zel_kernel_init. The order of the virtual functions is
 // part of the interface.
@@ -46,4 +56,6 @@ public:
     static LinuxDeferredServiceController* instance;
 };
 
-} // namespace Drivers::Devices::InterruptProcessing
+} // namespace InterruptProcessing
+} // namespace Devices
+} // namespace Drivers

@@ -6,11 +6,17 @@
 // virtual functions is part of the interface.
 #pragma once
 
+#if __cplusplus < 201103L
+#error "libzelkernel's classes need C++11"
+#endif
+
 #include <zelkernel/config.h>
 
 #include <cstdint>
 
-namespace Drivers::Api::InterruptProcessing {
+namespace Drivers {
+namespace Api {
+namespace InterruptProcessing {
 
 // What a driver implements. isr() runs in the interrupt thread and should be short.
 class ZEL_EXPORT InterruptServiceRoutine {
@@ -22,7 +28,9 @@ protected:
     ~InterruptServiceRoutine() = default;
 };
 
-} // namespace Drivers::Api::InterruptProcessing
+} // namespace InterruptProcessing
+} // namespace Api
+} // namespace Drivers
 
 namespace Linux {
 
