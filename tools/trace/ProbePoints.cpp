@@ -46,8 +46,8 @@ public:
     std::string text(std::uint64_t offset) const {
         if (offset >= bytes_.size())
             return {};
-        const char* start = bytes_.data() + offset;
-        return {start, strnlen(start, bytes_.size() - offset)};
+        const auto start = static_cast<size_t>(offset); // within the file's size
+        return {bytes_.data() + start, strnlen(bytes_.data() + start, bytes_.size() - start)};
     }
 
 private:

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cinttypes>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -23,7 +24,7 @@ namespace trace {
 namespace {
 
 struct Mapping {
-    unsigned long start = 0, end = 0, offset = 0;
+    std::uint64_t start = 0, end = 0, offset = 0;
     bool executable = false;
     std::string path;
 };
@@ -35,8 +36,8 @@ std::vector<Mapping> mappings_of(pid_t process) {
         Mapping mapping;
         char rights[5] = "";
         int path = 0;
-        if (std::sscanf(line.c_str(), "%lx-%lx %4s %lx %*s %*s %n", &mapping.start, &mapping.end,
-                        rights, &mapping.offset, &path) < 4 ||
+        if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %" SCNx64 " %*s %*s %n",
+                        &mapping.start, &mapping.end, rights, &mapping.offset, &path) < 4 ||
             path == 0 || line[static_cast<size_t>(path)] != '/')
             continue;
         mapping.executable = rights[2] == 'x';
@@ -67,7 +68,7 @@ std::string describe_threads(pid_t process) {
     return text.str();
 }
 
-std::string describe_priorities(pid_t process, const Library& library, unsigned long address) {
+std::string describe_priorities(pid_t process, const Library& library, std::uint64_t address) {
     if (address == 0)
         return {};
     std::array<std::int32_t, 9> words{};
@@ -97,7 +98,7 @@ Library find_library(pid_t process) {
     return {};
 }
 
-unsigned long base_of(pid_t process, const std::string& path) {
+std::uint64_t base_of(pid_t process, const std::string& path) {
     std::error_code error;
     for (const Mapping& mapping : mappings_of(process)) {
         if (mapping.offset == 0 &&
@@ -135,7 +136,7 @@ Library library_of_command(char* const* command) {
     return {};
 }
 
-std::string describe(pid_t process, const Library& library, unsigned long priorities) {
+std::string describe(pid_t process, const Library& library, std::uint64_t priorities) {
     std::ostringstream text;
     text << "process " << process << '\n'
          << describe_threads(process) << describe_priorities(process, library, priorities);
@@ -148,7 +149,7 @@ std::string describe(pid_t process, const Library& library, unsigned long priori
     return text.str();
 }
 
-unsigned long offset_in_file(pid_t process, unsigned long address) {
+std::uint64_t offset_in_file(pid_t process, std::uint64_t address) {
     for (const Mapping& mapping : mappings_of(process)) {
         if (mapping.start <= address && address < mapping.end)
             return address - mapping.start + mapping.offset;

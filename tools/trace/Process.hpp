@@ -1,6 +1,7 @@
-// The application under the recorder's eyes, as /proc shows it.
+// The application under the recorder's eyes, as /proc shows it. Its word size need not be ours.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -9,14 +10,14 @@ namespace trace {
 
 struct Library {
     std::string path; // as seen from here, also into the application's own mount namespace
-    unsigned long base = 0;
+    std::uint64_t base = 0;
 };
 
 // The first file mapped by the process that has probe points; an empty path when there is none.
 Library find_library(pid_t process);
 
 // Where the file is mapped; 0 when it is not, yet.
-unsigned long base_of(pid_t process, const std::string& path);
+std::uint64_t base_of(pid_t process, const std::string& path);
 
 // What the dynamic loader would take for the command's libzelkernel; empty when the command, say a
 // script, does not name it.
@@ -24,10 +25,10 @@ Library library_of_command(char* const* command);
 
 // Lines for the recording: threads with names and priorities, what is mapped where, and the
 // words that make an application's priority from a Linux one.
-std::string describe(pid_t process, const Library& library, unsigned long priorities);
+std::string describe(pid_t process, const Library& library, std::uint64_t priorities);
 
 // Where the address lies in the file that is mapped there.
-unsigned long offset_in_file(pid_t process, unsigned long address);
+std::uint64_t offset_in_file(pid_t process, std::uint64_t address);
 
 bool has_ended(pid_t process);
 

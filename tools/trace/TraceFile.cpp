@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/types.h>
 #include <unistd.h>
 #include <vector>
 
@@ -45,8 +46,8 @@ public:
         while (tell() < position)
             std::fputc(0, file_);
     }
-    std::uint64_t tell() const { return static_cast<std::uint64_t>(std::ftell(file_)); }
-    void seek(std::uint64_t position) { std::fseek(file_, static_cast<long>(position), SEEK_SET); }
+    std::uint64_t tell() const { return static_cast<std::uint64_t>(ftello(file_)); }
+    void seek(std::uint64_t position) { fseeko(file_, static_cast<off_t>(position), SEEK_SET); }
     bool finish() {
         const bool good = std::ferror(file_) == 0;
         const bool closed = std::fclose(file_) == 0;
