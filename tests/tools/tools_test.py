@@ -3,6 +3,7 @@
 import concurrent.futures
 import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -213,29 +214,41 @@ class Doctor(unittest.TestCase):
                                "table name external"}
         namespaces = {"network namespaces"}
         directory = {"namespace directory"}
+        # A file's capabilities are those of the doctor alone.
+        filed = ("cp $DOCTOR /run; DOCTOR=/run/zelkernel-doctor; chown 65534 /run/netns;"
+                 "setcap cap_sys_nice,cap_net_admin,cap_sys_admin,cap_dac_override+ep $DOCTOR;")
         cases = [  # what is missing, what is not tried for that, which remedy is another kernel
             ({"table name external"}, set(), set(), {"script": "rm $names/rt_tables.d/*.conf"}),
             ({"TUN driver"}, set(), {"TUN driver"}, {"script": "mount -t tmpfs none /dev/net"}),
             ({"iptables", "ip6tables"}, marks | {"iptables lock"}, set(), {"script": only.format("ip")}),
             ({"ip"}, in_instance | namespaces, set(), {"script": only.format("iptables ip6tables")}),
-            ({"real-time rights"} | directory | namespaces, in_instance, set(), {"prefix": nobody}),
+            ({"real-time rights"} | directory | namespaces, in_instance, set(), {"prefix": nobody},
+             "net_admin, sys_admin"),
             ({"TUN driver"} | directory, set(), set(), {
                 "script": tun.format(600), "prefix": as_user("sys_nice net_admin sys_admin")}),
+            (namespaces, in_instance, set(), {"script": filed, "prefix": as_user("setpcap")},
+             "net_admin, sys_admin"),
             ({"iptables lock"} | marks, set(), set(), {
                 "script": legacy + tun.format(666) + "chown 65534 /run/netns",
-                "prefix": as_user("sys_nice net_admin sys_admin")}),
+                "prefix": as_user("sys_nice net_admin sys_admin")}, "net_raw"),
+            (set(), set(), set(), {
+                "script": legacy + tun.format(666) + "chown 65534 /run/netns; >/run/my.lock;"
+                          "chown 65534 /run/my.lock; export XTABLES_LOCKFILE=/run/my.lock",
+                "prefix": as_user("sys_nice net_admin sys_admin net_raw")}),
             (set(), set(), set(), {
                 "script": legacy + tun.format(600),
                 "prefix": as_user("sys_nice net_admin sys_admin dac_override net_raw")}),
         ]
-        results = diagnose_each([where for *_, where in cases])
-        for (missing, not_tried, kernel, where), (status, found) in zip(cases, results):
+        results = diagnose_each([case[3] for case in cases])
+        for (missing, not_tried, kernel, where, *lacking), (status, found) in zip(cases, results):
             with self.subTest(where):
                 self.assertEqual(status, 1 if missing else 0)
                 self.assertEqual({w for w, (s, _, _) in found.items() if s == "missing"}, missing, found)
                 self.assertEqual({w for w, (s, _, _) in found.items() if s == "unknown"}, not_tried)
                 self.assertEqual({w for w, (_, _, remedy) in found.items()
                                   if w in missing | not_tried and "CONFIG" in remedy}, kernel, found)
+                named = re.findall(r"they lack: (.*?) \(", str(found))
+                self.assertEqual(set(named), set(lacking), found)
 
     def test_priorities(self):
         good = "30,25,20,0,22,100,90,115,10"  # base 10 + 1: 41, 36, 31, 33; application 1..26

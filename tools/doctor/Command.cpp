@@ -2,8 +2,11 @@
 
 #include "Text.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace zel::doctor {
@@ -16,10 +19,29 @@ bool speaks_of_rights(const std::string& output) {
 
 } // namespace
 
-const char* const rights_remedy =
-    "run as root, or with the ambient capabilities sys_nice, net_admin, sys_admin and dac_override "
-    "(setpriv, or a systemd unit's AmbientCapabilities=); those of a file (setcap) do not reach "
-    "the commands that the library runs";
+bool is_legacy_iptables(const char* command) {
+    const auto [succeeded, output] = run_command((std::string(command) + " -V").c_str());
+    return succeeded && output.find("nf_tables") == std::string::npos;
+}
+
+std::string rights_remedy(std::initializer_list<Capability> needed) {
+    const std::string held = run_command("grep CapEff: /proc/self/status").output;
+    const std::uint64_t mask =
+        std::strtoull(held.c_str() + std::min(held.size(), sizeof "CapEff:"), nullptr, 16);
+    std::string lacking;
+    for (const Capability& each : needed) {
+        if ((mask >> each.number & 1) == 0)
+            lacking += (lacking.empty() ? "" : ", ") + std::string(each.name);
+    }
+    if (lacking.empty()) {
+        return "the capabilities are there: look at what else confines the program (a user "
+               "namespace, a container's seccomp profile, a security module)";
+    }
+    return "give the commands that the library runs the capabilities that they lack: " + lacking +
+           " (a user's as ambient ones, by setpriv or a systemd unit's AmbientCapabilities=; "
+           "root's "
+           "in a container by --cap-add; those of a file, by setcap, do not reach commands)";
+}
 
 bool is_refusal(int error) {
     return error == EPERM || error == EACCES;
@@ -41,7 +63,7 @@ Finding all_succeed(std::initializer_list<const char*> commands) {
         const auto [succeeded, output] = run_command(command);
         if (!succeeded) {
             return {Status::missing, format("\"%s\" fails: %s", command, one_line(output).c_str()),
-                    speaks_of_rights(output) ? rights_remedy : ""};
+                    speaks_of_rights(output) ? rights_remedy() : ""};
         }
     }
     return {Status::ok, "works"};

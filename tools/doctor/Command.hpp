@@ -15,8 +15,18 @@ struct CommandResult {
 
 CommandResult run_command(const char* command);
 
-// Rights that a command lacks: what EPERM and EACCES ask for.
-extern const char* const rights_remedy;
+// Of the kind that keeps its rules in nf_tables there is none.
+bool is_legacy_iptables(const char* command);
+
+struct Capability {
+    const char* name;
+    int number;
+};
+constexpr Capability net_admin{"net_admin", 12}, net_raw{"net_raw", 13}, sys_admin{"sys_admin", 21};
+
+// What EPERM and EACCES ask for: names those of the needed capabilities that commands lack, which
+// need not be those that this program lacks.
+std::string rights_remedy(std::initializer_list<Capability> needed = {net_admin, sys_admin});
 bool is_refusal(int error);
 
 // ok when every command succeeds; otherwise what the first failing one printed, with rights_remedy

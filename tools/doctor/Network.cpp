@@ -98,14 +98,14 @@ Finding tun_device() {
     }
 #define MARK_RULE(tables)                                                                          \
     [](const Request&) {                                                                           \
-        return mark_rule(IN_INSTANCE tables                                                        \
+        return mark_rule(tables, IN_INSTANCE tables                                                \
                          " -t mangle -A OUTPUT -p 17 --dport 53 -j MARK --set-mark 100");          \
     }
 
-Finding mark_rule(const char* command) {
+Finding mark_rule(const char* tables, const char* command) {
     Finding made = all_succeed({command});
-    if (!made.remedy.empty())
-        made.remedy += "; the legacy kind of iptables needs net_raw, too";
+    if (!made.remedy.empty() && is_legacy_iptables(tables))
+        made.remedy = rights_remedy({net_admin, sys_admin, net_raw});
     return made;
 }
 

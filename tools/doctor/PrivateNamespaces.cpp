@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sched.h>
 #include <sys/mount.h>
@@ -19,7 +20,7 @@ namespace {
 Finding refused(const char* what) {
     const int error = errno;
     return {Status::missing, format("%s: %s", what, std::strerror(error)),
-            is_refusal(error) ? rights_remedy : ""};
+            is_refusal(error) ? rights_remedy() : ""};
 }
 
 // The ip tool keeps named namespaces under /var/run, iptables its lock under /run: both get a file
@@ -29,6 +30,7 @@ Finding enter_private_namespaces() {
         return refused("a new network namespace is refused");
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return refused("a new mount namespace is refused");
+    unsetenv("XTABLES_LOCKFILE"); // looked at before; iptables would make it where it is not
     for (const char* directory : {"/run", "/var/run"}) {
         if (mount("tmpfs", directory, "tmpfs", 0, "mode=755") != 0 && errno != ENOENT)
             return refused(format("%s cannot be covered", directory).c_str());

@@ -6,8 +6,10 @@
 #include "Text.hpp"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <unistd.h>
 
 namespace zel::doctor {
@@ -25,8 +27,8 @@ int write_error(const char* directory) {
     return faccessat(AT_FDCWD, directory, W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
 }
 
-Finding refused(const char* what, int error) {
-    return {Status::missing, format("%s: %s", what, std::strerror(error)),
+Finding refused(const std::string& what, int error) {
+    return {Status::missing, what + ": " + std::strerror(error),
             error == EROFS ? "mount a tmpfs there (in a container: --tmpfs /run)" : ""};
 }
 
@@ -41,24 +43,21 @@ Finding namespace_directory(const Request&) {
                       : refused("/run/netns is not there and cannot be made", above);
 }
 
-bool locks(const char* command) {
-    const auto [succeeded, output] = run_command(command);
-    return succeeded && output.find("nf_tables") == std::string::npos;
-}
-
 Finding iptables_lock(const Request&) {
-    if (!locks("iptables -V") && !locks("ip6tables -V"))
+    if (!is_legacy_iptables("iptables") && !is_legacy_iptables("ip6tables"))
         return {Status::ok, "not used by nf_tables"};
-    const int fd = open("/run/xtables.lock", O_RDONLY | O_CLOEXEC);
+    const char* const chosen = std::getenv("XTABLES_LOCKFILE");
+    const std::filesystem::path lock = chosen != nullptr ? chosen : "/run/xtables.lock";
+    const int fd = open(lock.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {
         close(fd);
         return {Status::ok, "can be opened"};
     }
     if (errno != ENOENT)
-        return refused("/run/xtables.lock cannot be opened", errno);
-    const int above = write_error("/run");
+        return refused(lock.string() + " cannot be opened", errno);
+    const int above = write_error(lock.parent_path().c_str());
     return above == 0 ? Finding{Status::ok, "can be made"}
-                      : refused("/run/xtables.lock is not there and cannot be made", above);
+                      : refused(lock.string() + " is not there and cannot be made", above);
 }
 
 constexpr Check checks[] = {
@@ -68,8 +67,8 @@ constexpr Check checks[] = {
     {"iptables lock",
      iptables_lock,
      "external traffic is not marked and leaves by the ordinary routes",
-     "use the nf_tables kind of iptables, which needs none; or give the user the file (touch "
-     "/run/xtables.lock && chown USER /run/xtables.lock), or the ambient capability dac_override",
+     "use the nf_tables kind of iptables, which needs none; or name a file of the user's own in "
+     "XTABLES_LOCKFILE, or add the ambient capability dac_override",
      {"iptables"}},
 };
 
