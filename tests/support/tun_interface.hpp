@@ -2,8 +2,9 @@
 
 #include <arpa/inet.h>
 #include <cstdint>
-#include <cstdio>
+#include <fstream>
 #include <net/if.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,10 +13,13 @@ namespace zel::test {
 
 // Brings the device tun4_INDEX up in the calling process's own namespace, with the address
 // 10.INDEX.0.1/24, in a fraction of the time that the `ip` tool takes. False when there is none.
+// Without IPv6, for which Linux sends packets of its own accord, which cases would count.
 inline bool bring_up(int index) {
+    const std::string device = "tun4_" + std::to_string(index);
+    std::ofstream{"/proc/sys/net/ipv6/conf/" + device + "/disable_ipv6"} << 1;
     const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};
-    std::snprintf(request.ifr_name, IFNAMSIZ, "tun4_%d", index);
+    device.copy(request.ifr_name, IFNAMSIZ - 1);
     auto& address = reinterpret_cast<sockaddr_in&>(request.ifr_addr);
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(0x0a000001u | static_cast<uint32_t>(index) << 16);
