@@ -176,7 +176,8 @@ void hold_receive_thread() {
 void measure_receive(const std::string& devices_text, const Load& load, std::size_t size) {
     const std::string path = "receive, " + std::to_string(size) + " bytes, " + devices_text;
     unsigned allocated = 0;
-    constexpr int turns = 100;
+    // The reference takes its time with many devices.
+    const int turns = devices.size() == 256 ? 25 : 100;
     for (int turn = 0; turn < turns; ++turn) {
         hold_receive_thread();
         queue_load(load, size);
@@ -339,7 +340,7 @@ int main() {
         create_devices(count);
         const std::string text =
             std::to_string(count) + (count == 1 ? " device" : " devices, one busy");
-        measure_with(text, {count - 1, 1, count == 256 ? 100U : 400U});
+        measure_with(text, {count - 1, 1, 400U});
         if (count == 16)
             measure_with("16 devices, all busy", {0, 16, 25});
         for (const std::size_t size : {std::size_t{64}, largest_packet})
