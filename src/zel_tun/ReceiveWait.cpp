@@ -55,7 +55,15 @@ void ReceiveWait::follow(unsigned generation) {
             take_up(fd);
         }
     }
+    if (event_set_ != -1 && devices_in_event_set_ == 0 && asked_devices_ <= few)
+        drop_event_set();
     recompute_rx_max_fd();
+}
+
+void ReceiveWait::drop_event_set() {
+    FD_CLR(event_set_, &rx_fd_set_);
+    close(event_set_);
+    event_set_ = -1;
 }
 
 void ReceiveWait::take_up(int fd) {
@@ -151,6 +159,7 @@ void ReceiveWait::move_into_event_set(int fd) {
         return;
     }
     FD_SET(fd, &in_event_set_);
+    ++devices_in_event_set_;
     FD_CLR(fd, &rx_fd_set_);
     --asked_devices_;
 }
@@ -158,6 +167,7 @@ void ReceiveWait::move_into_event_set(int fd) {
 void ReceiveWait::move_out_of_event_set(int fd) {
     epoll_ctl(event_set_, EPOLL_CTL_DEL, fd, nullptr);
     FD_CLR(fd, &in_event_set_);
+    --devices_in_event_set_;
     FD_SET(fd, &rx_fd_set_);
     ++asked_devices_;
     rx_max_fd_ = std::max(rx_max_fd_, fd);

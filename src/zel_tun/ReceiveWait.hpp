@@ -3,7 +3,8 @@
 //
 // select() is asked for few descriptors: the pipe, the busy devices, and an event set (epoll) that
 // stands for all idle ones. Asking for each device with each packet would cost 256 idle devices 40
-// times what a packet costs. While no more than `few` devices are there, there is no event set.
+// times what a packet costs. There is an event set only from the time when there are more than
+// `few` devices to ask for until the last idle one has gone.
 //
 // A reference is held to each device waited for: a descriptor closed meanwhile would make select()
 // fail, and its number, reused, would be read from. A device leaves the event set before its
@@ -71,6 +72,7 @@ private:
     void move_into_event_set(int fd);
     void move_out_of_event_set(int fd);
     bool has_event_set();
+    void drop_event_set();
     void move_event_set_to_the_end();
     void recompute_rx_max_fd();
 
@@ -80,6 +82,7 @@ private:
 
     int event_set_ = -1;
     fd_set in_event_set_{};
+    int devices_in_event_set_ = 0;
     fd_set refused_{}; // by the event set
     std::array<epoll_event, FD_SETSIZE> events_;
 
