@@ -6,6 +6,12 @@ target_compile_options(zelkernel_options INTERFACE -Wall -Wextra -Wpedantic -Wco
 if(ZELKERNEL_WERROR)
   target_compile_options(zelkernel_options INTERFACE -Werror)
 endif()
+if(ZEL_TIME_HAS_TWO_WIDTHS)
+  target_compile_options(zelkernel_options INTERFACE ${ZEL_TIME64_FLAGS})
+  # For a target that is to be compiled with 32-bit time: to be linked after those.
+  add_library(zelkernel_time32 INTERFACE)
+  target_compile_options(zelkernel_time32 INTERFACE -U_TIME_BITS -U_FILE_OFFSET_BITS)
+endif()
 if(ZELKERNEL_SANITIZE)
   target_compile_options(zelkernel_options INTERFACE -fsanitize=${ZELKERNEL_SANITIZE}
                          -fno-sanitize-recover=undefined -fno-omit-frame-pointer)

@@ -1,4 +1,5 @@
 // Sleeps that last, the kernel's view of the clocks, and guards of local statics.
+#include "Time32.hpp"
 #include "Uptime.hpp"
 
 #include <zelkernel/clock.h>
@@ -28,8 +29,8 @@ timespec split(long long count, long long per_second) {
 } // namespace
 
 int __wrap_sleep(unsigned int seconds) {
-    // Of 32 bits, time_t cannot hold all; a sleep for ever by -1 must not become an error.
-    constexpr uint64_t longest = std::numeric_limits<time_t>::max();
+    // A sleep for ever by -1 must not become an error where the kernel's time has 32 bits.
+    constexpr uint64_t longest = std::numeric_limits<long>::max();
     return sleep_for({static_cast<time_t>(std::min<uint64_t>(seconds, longest)), 0});
 }
 
@@ -51,6 +52,7 @@ int __wrap_clock_settime(clockid_t clock, const timespec* tp) {
     const int result = clock_settime(clock, tp);
     if (updateRTCFunc != nullptr)
         updateRTCFunc(clock, &before);
+    zel::report_clock_change_in_32_bits(clock, before.tv_sec, before.tv_nsec);
     return result;
 }
 

@@ -5,6 +5,7 @@
 // Threads: any. No other lock is taken while it is held, and nobody waits under it.
 #include "NeverDestroyed.hpp"
 #include "PosixLock.hpp"
+#include "Time32.hpp"
 #include "Uptime.hpp"
 
 #include <zelkernel/conditions.h>
@@ -55,6 +56,17 @@ clockid_t known_clock(pthread_cond_t* cond) {
     }
 }
 
+// One copy for both widths of time.
+[[gnu::noinline]] int wait_until(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                 const timespec& abstime, bool wraps_at_32_bits) {
+    if (known_clock(cond) != CLOCK_MONOTONIC)
+        return pthread_cond_timedwait(cond, mutex, &abstime);
+    timespec deadline = zel::to_monotonic(abstime);
+    if (wraps_at_32_bits)
+        deadline.tv_sec = static_cast<int32_t>(deadline.tv_sec);
+    return pthread_cond_timedwait(cond, mutex, &deadline);
+}
+
 } // namespace
 
 int __wrap_pthread_cond_init(pthread_cond_t* cond, const pthread_condattr_t* attr) {
@@ -76,8 +88,15 @@ int __wrap_pthread_cond_destroy(pthread_cond_t* cond) {
 
 int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
                                   const timespec* abstime) {
-    if (known_clock(cond) != CLOCK_MONOTONIC)
-        return pthread_cond_timedwait(cond, mutex, abstime);
-    const timespec deadline = zel::to_monotonic(*abstime);
-    return pthread_cond_timedwait(cond, mutex, &deadline);
+    return wait_until(cond, mutex, *abstime, false);
 }
+
+#if __TIMESIZE == 32
+int zel::wait_until_in_32_bits(pthread_cond_t* cond, pthread_mutex_t* mutex, int32_t seconds,
+                               long nanoseconds) {
+    // What is moved wraps as the caller's type does, unless the kernel itself was started beyond
+    // what that can hold.
+    constexpr int64_t end_of_32_bits = (int64_t{1} << 31) * zel::nanoseconds_per_second;
+    return wait_until(cond, mutex, {seconds, nanoseconds}, starttimeInNs < end_of_32_bits);
+}
+#endif

@@ -1,6 +1,7 @@
 // zel_kernel_init: the one module that knows all others.
 #include "KernelState.hpp"
 #include "Statistics.hpp"
+#include "Time32.hpp"
 
 #include <zelkernel/deferred_service.hpp>
 #include <zelkernel/kcall.h>
@@ -44,6 +45,7 @@ void rebase_priorities() {
 void take_start_time() {
     clock_gettime(CLOCK_MONOTONIC, &starttime);
     starttimeInNs = static_cast<int64_t>(starttime.tv_sec) * 1'000'000'000 + starttime.tv_nsec;
+    zel::set_start_time_in_32_bits(starttime.tv_sec, starttime.tv_nsec);
 }
 
 // The ceiling is a Linux priority: it comes from the table, not from the application's numbering.

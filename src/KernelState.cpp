@@ -18,9 +18,6 @@ uint8_t useInterruptMutex;
 }
 
 static_assert(sizeof(KernelPriorities) == 36);
-#if UINTPTR_MAX == 0xffffffffu
-static_assert(sizeof(timespec) == 8);
-#endif
 
 namespace zel {
 

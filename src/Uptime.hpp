@@ -19,8 +19,9 @@ inline bool starttime_is_split() {
            static_cast<int64_t>(starttime.tv_sec) * nanoseconds_per_second + starttime.tv_nsec;
 }
 
-// Quotient and remainder, bit by bit: the target's division routine would take no less.
-inline void split_nanoseconds(uint64_t ns, timespec& to) {
+// Quotient and remainder, bit by bit: the target's division routine would take no less. What calls
+// it is not in a hurry: one copy will do.
+[[gnu::noinline]] inline void split_nanoseconds(uint64_t ns, timespec& to) {
     uint64_t seconds = 0;
     for (int bit = 34; bit >= 0; --bit) {
         const uint64_t share = uint64_t{nanoseconds_per_second} << bit;

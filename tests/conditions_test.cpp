@@ -1,8 +1,9 @@
 #include "support/allocation_failure.hpp"
 #include "support/test.hpp"
 
-ZEL_INTERPOSE(int, pthread_cond_timedwait,
-              (pthread_cond_t * c, pthread_mutex_t* m, const timespec* t), (c, m, t), )
+using zel::test::SystemTime;
+ZEL_INTERPOSE_TIME(int, pthread_cond_timedwait,
+                   (pthread_cond_t * c, pthread_mutex_t* m, const SystemTime* t), (c, m, t), )
 ZEL_INTERPOSE(int, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a),
               noexcept)
 ZEL_INTERPOSE(int, pthread_cond_destroy, (pthread_cond_t * c), (c), noexcept)
@@ -19,9 +20,9 @@ struct Conditions : testing::Test {
     }
 
     // Records the deadline that reaches the system instead of waiting.
-    timespec passed_on(const timespec& deadline) {
-        timespec passed{-1, -1};
-        interposed::pthread_cond_timedwait = [&](auto, auto, const timespec* time) {
+    SystemTime passed_on(const timespec& deadline) {
+        SystemTime passed{-1, -1};
+        interposed::pthread_cond_timedwait = [&](auto, auto, const SystemTime* time) {
             passed = *time;
             return 123;
         };
@@ -47,7 +48,8 @@ void set_start_time(int64_t ns, bool with_timespec) {
 TEST_F(Conditions, MonotonicDeadlinesAreMovedByTheStartTime) {
     struct Case {
         int64_t start;
-        timespec given, expected;
+        timespec given;
+        SystemTime expected;
     };
     const Case cases[] = {
         {0, {10, 700'000'000}, {10, 700'000'000}},
@@ -59,12 +61,13 @@ TEST_F(Conditions, MonotonicDeadlinesAreMovedByTheStartTime) {
         {7'000'000'000,
          {std::numeric_limits<time_t>::max(), 0},
          {std::numeric_limits<time_t>::min() + 6, 0}},
+        {2'200'000'000'500'000'000, {10, 500'000'000}, {2'200'000'011, 0}}, // after January 2038
     };
     EXPECT_EQ(__wrap_pthread_cond_init(&cond, &monotonic), 0);
     for (const Case& c : cases) {
         for (bool with_timespec : {false, true}) {
             set_start_time(c.start, with_timespec);
-            const timespec passed = passed_on(c.given);
+            const SystemTime passed = passed_on(c.given);
             EXPECT_EQ(passed.tv_sec, c.expected.tv_sec) << &c - cases;
             EXPECT_EQ(passed.tv_nsec, c.expected.tv_nsec) << &c - cases;
         }
@@ -102,8 +105,8 @@ TEST_F(Conditions, WithoutMemoryInitialisationFailsAndAWaitGoesOn) {
     set_start_time(5'500'000'000, true);
     allocation_to_fail = 1;
     EXPECT_EQ(__wrap_pthread_cond_init(&cond, &monotonic), ENOMEM);
-    timespec passed{};
-    interposed::pthread_cond_timedwait = [&](auto, auto, const timespec* time) {
+    SystemTime passed{};
+    interposed::pthread_cond_timedwait = [&](auto, auto, const SystemTime* time) {
         passed = *time;
         return 0;
     };

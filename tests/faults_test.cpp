@@ -15,8 +15,8 @@ ZEL_INTERPOSE(int, pthread_getschedparam, (pthread_t t, int* p, sched_param* s),
 ZEL_INTERPOSE(int, pthread_setschedparam, (pthread_t t, int p, const sched_param* s), (t, p, s),
               noexcept)
 ZEL_INTERPOSE(int, timer_create, (clockid_t c, sigevent* e, timer_t* t), (c, e, t), noexcept)
-ZEL_INTERPOSE(int, timer_settime, (timer_t t, int f, const itimerspec* value, itimerspec* old),
-              (t, f, value, old), noexcept)
+ZEL_INTERPOSE_TIME(int, timer_settime, (timer_t t, int f, const itimerspec* value, itimerspec* old),
+                   (t, f, value, old), noexcept)
 ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream), )
 ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size), )
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )

@@ -2,8 +2,9 @@
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
 ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(int, pthread_cond_timedwait,
-              (pthread_cond_t * c, pthread_mutex_t* m, const timespec* t), (c, m, t), )
+ZEL_INTERPOSE_TIME(int, pthread_cond_timedwait,
+                   (pthread_cond_t * c, pthread_mutex_t* m, const zel::test::SystemTime* t),
+                   (c, m, t), )
 ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
 
 namespace {

@@ -11,7 +11,7 @@ fi
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 sed -n '/^```cpp$/,/^```$/p' "$readme" | sed '1d;$d' >"$dir/app.cpp"
-mapfile -t options < <(sed -n 's/^[A-Za-z_].*/-Wl,--wrap=&/p' "$wraps")
+mapfile -t options < <(sed -n 's/^[A-Za-z_][A-Za-z_0-9]*$/-Wl,--wrap=&/p' "$wraps")
 "$compiler" -std=c++20 -Wall -Wextra -Werror -I"$include" "$dir/app.cpp" "${options[@]}" \
     "$library" -Wl,-rpath,"$(dirname "$library")" -o "$dir/app"
 printed=$(cd "$dir" && unshare --mount --net sh -c \

@@ -14,10 +14,15 @@ TEST(Wrapping, EveryListedFunctionIsDefined) {
     for (std::string name; std::getline(list, name);) {
         if (name.empty() || name.front() == '#')
             continue;
+        if (const auto mark = name.find(" time64"); mark != name.npos) {
+            if (__TIMESIZE != 32)
+                continue;
+            name.resize(mark);
+        }
         ++names;
         EXPECT_NE(dlsym(RTLD_DEFAULT, ("__wrap_" + name).c_str()), nullptr) << name;
     }
-    EXPECT_EQ(names, 35);
+    EXPECT_EQ(names, __TIMESIZE == 32 ? 40 : 35);
 }
 
 struct CountedOnce {

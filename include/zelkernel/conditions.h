@@ -34,7 +34,8 @@ ZEL_EXPORT int __wrap_pthread_cond_destroy(pthread_cond_t* cond);
  * gives it, or on CLOCK_REALTIME (the default, and for a condition variable initialised
  * statically). */
 ZEL_EXPORT int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
-                                             const struct timespec* abstime);
+                                             const struct timespec* abstime)
+    ZEL_TIME64_NAME("__wrap___pthread_cond_timedwait64");
 
 ZEL_END_DECLS
 

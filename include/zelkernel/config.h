@@ -1,4 +1,4 @@
-/* What every public header needs: linkage, symbol visibility, and a check of the time ABI.
+/* What every public header needs: linkage, symbol visibility, and the width of time.
  *
  * The headers *.h compile as C99, as C++98 and as everything later. In strict C (-std=c99, not
  * gnu99) those with clocks and signals need POSIX's types: -D_POSIX_C_SOURCE=200112L or more. The
@@ -9,12 +9,14 @@
 #include <features.h>
 #include <stdint.h>
 
-/* With 64-bit time on a 32-bit target the C library renames its calls (clock_gettime becomes
- * __clock_gettime64, ...): they would pass by the wrapping, and struct timespec would not have the
- * 8-byte layout the library was built with. */
-#if UINTPTR_MAX == 0xffffffffu &&                                                                  \
-    (defined(__USE_TIME_BITS64) || (defined(_TIME_BITS) && _TIME_BITS == 64))
-#error "libzelkernel uses 32-bit time on 32-bit targets: -D_TIME_BITS=64 would bypass the wrapping"
+/* On a 32-bit target an application is compiled with 32-bit time or, by -D_TIME_BITS=64, with
+ * 64-bit time, and a program may hold objects of both kinds. What takes, gives or is a time has a
+ * second symbol for the latter, as in the C library: the same name in the source, the same
+ * behaviour. The two kinds share all state but the clock-change callback (kernel.h). */
+#if defined(__USE_TIME_BITS64) && __TIMESIZE == 32
+#define ZEL_TIME64_NAME(symbol) __asm__(symbol)
+#else
+#define ZEL_TIME64_NAME(symbol)
 #endif
 
 #ifdef __cplusplus

@@ -38,7 +38,7 @@ ZEL_EXPORT extern pthread_mutex_t kcall_mutex;
 ZEL_EXPORT extern timer_t timer_id;
 ZEL_EXPORT extern struct sigevent sev;
 ZEL_EXPORT extern sigset_t mask;
-ZEL_EXPORT extern struct itimerspec its; /* stays zero */
+ZEL_EXPORT extern struct itimerspec its ZEL_TIME64_NAME("its_time64"); /* stays zero */
 
 /* Called by zel_kernel_init, once: sets up the queue and starts its thread at Linux priority
  * kcall_thread_priority + linux_base_priority. The tick signal SIGRTMIN is blocked in that thread

@@ -27,7 +27,10 @@ typedef struct KernelPriorities {
 } KernelPriorities;
 
 /* Called after every clock_settime of the application, in the thread that set the clock, whether or
- * not the clock could be set: the clock, and the time it showed just before. */
+ * not the clock could be set: the clock, and the time it showed just before. On a 32-bit target
+ * either width of time has a callback (updateRTCFunc) of its own, null unless start-up was called
+ * with that width or the application sets it; one with 32-bit time is given 0 for a time that its
+ * type cannot hold. */
 typedef void (*zel_update_rtc_func)(clockid_t clock, struct timespec* before);
 
 /* Run on every tick in the kernel-call thread, see kcall.h. */
@@ -38,9 +41,10 @@ typedef void (*zel_run_poller_func)(void);
 ZEL_EXPORT extern KernelPriorities kernel_priorities;
 ZEL_EXPORT extern uint8_t priorities_initialized; /* 1 once kernel_priorities is final */
 ZEL_EXPORT extern uint8_t initialized;            /* 1 once zel_kernel_init has finished */
-ZEL_EXPORT extern struct timespec starttime;      /* CLOCK_MONOTONIC at start-up */
-ZEL_EXPORT extern int64_t starttimeInNs;          /* the same in nanoseconds */
-ZEL_EXPORT extern zel_update_rtc_func updateRTCFunc;
+ZEL_EXPORT extern struct timespec starttime       /* CLOCK_MONOTONIC at start-up */
+    ZEL_TIME64_NAME("starttime_time64");
+ZEL_EXPORT extern int64_t starttimeInNs; /* the same in nanoseconds */
+ZEL_EXPORT extern zel_update_rtc_func updateRTCFunc ZEL_TIME64_NAME("updateRTCFunc_time64");
 ZEL_EXPORT extern pthread_mutex_t interrupts_disabled_mutex; /* for the application: recursive,
                                      priority ceiling; the library never locks it */
 ZEL_EXPORT extern uint8_t useInterruptMutex; /* the library neither reads nor writes it */
@@ -70,7 +74,8 @@ ZEL_EXPORT extern uint8_t useInterruptMutex; /* the library neither reads nor wr
  * through zel_fatal). Blocks while it runs `ip` for each leftover namespace. */
 ZEL_EXPORT int zel_kernel_init(KernelPriorities priorities, uint32_t tick_period_us,
                                uint32_t reserved, zel_run_poller_func run_poller,
-                               zel_update_rtc_func update_rtc_func);
+                               zel_update_rtc_func update_rtc_func)
+    ZEL_TIME64_NAME("zel_kernel_init_time64");
 
 /* The fatal stop: writes "file:line message" as one line to standard error and aborts (SIGABRT).
  * Any thread, any time; needs no heap and little stack. */

@@ -46,7 +46,8 @@ ZEL_EXPORT int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex);
 
 /* Gated. The system's calls, made once; `abstime` is absolute CLOCK_REALTIME. */
 ZEL_EXPORT int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex,
-                                              const struct timespec* abstime);
+                                              const struct timespec* abstime)
+    ZEL_TIME64_NAME("__wrap___pthread_mutex_timedlock64");
 ZEL_EXPORT int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex);
 ZEL_EXPORT int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex);
 
@@ -65,7 +66,8 @@ ZEL_EXPORT int __wrap_sem_init(sem_t* sem, int pshared, unsigned int value);
 /* Gated. 0, or -1 with errno; restarted after signals, a timed wait with its deadline unchanged
  * (absolute CLOCK_REALTIME; ETIMEDOUT). Block. */
 ZEL_EXPORT int __wrap_sem_wait(sem_t* sem);
-ZEL_EXPORT int __wrap_sem_timedwait(sem_t* sem, const struct timespec* abstime);
+ZEL_EXPORT int __wrap_sem_timedwait(sem_t* sem, const struct timespec* abstime)
+    ZEL_TIME64_NAME("__wrap___sem_timedwait64");
 
 /* Gated. The system's calls, made once. */
 ZEL_EXPORT int __wrap_sem_trywait(sem_t* sem);

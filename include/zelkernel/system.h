@@ -22,7 +22,7 @@ ZEL_EXPORT int64_t zel_get_free_mem(void);
 /* Stores the time since zel_kernel_init in `ts` (before start-up: CLOCK_MONOTONIC as it is) and
  * returns 0, or the failing clock_gettime's result with `ts` as the system left it. This is what
  * the application sees as CLOCK_MONOTONIC. */
-ZEL_EXPORT int zel_get_uptime(struct timespec* ts);
+ZEL_EXPORT int zel_get_uptime(struct timespec* ts) ZEL_TIME64_NAME("zel_get_uptime_time64");
 
 /* CLOCK_MONOTONIC at zel_kernel_init in nanoseconds; 0 before start-up. */
 ZEL_EXPORT int64_t zel_get_starttime_in_ns(void);

@@ -6,7 +6,9 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
+#include <zelkernel/kernel.h>
 #include <zelkernel/threads.h>
 
 static sem_t started;
@@ -48,6 +50,15 @@ static void sleep_through_signal(void) {
     report("usleep", usleep(200000) == 0);
 }
 
+static void read_clock(void) {
+    struct timespec before;
+    struct timespec after;
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    starttimeInNs = before.tv_sec * 1000000000LL;
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    report("clock_gettime", after.tv_sec < before.tv_sec);
+}
+
 int main(void) {
     sem_init(&started, 0, 0);
     sem_init(&checked, 0, 0);
@@ -62,6 +73,7 @@ int main(void) {
     if (pthread_attr_setschedparam(&attr, &lowest) != 0 || start_thread(&attr) != 0)
         return 1;
     sleep_through_signal();
+    read_clock();
     printf("interrupt platform: %s\n",
            dlsym(RTLD_DEFAULT, "openLinuxInterruptPulseFd") ? "simulated" : "none");
     return 0;

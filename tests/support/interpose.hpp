@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <ctime>
 #include <dlfcn.h>
 #include <functional>
 #include <list>
@@ -30,6 +32,16 @@ private:
     std::function<Signature>* installed_;
 };
 
+#if __TIMESIZE == 32
+struct SystemTime {
+    std::int64_t tv_sec;
+    long tv_nsec;
+    int : 32;
+};
+#else
+using SystemTime = timespec;
+#endif
+
 } // namespace zel::test
 
 // Stands in front of a function of the system for the whole test program, the library included.
@@ -39,18 +51,31 @@ private:
 //
 //   ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s), noexcept)
 #define ZEL_INTERPOSE(result, name, parameters, arguments, exceptions)                             \
+    ZEL_INTERPOSE_AS(name, #name, result, name, parameters, arguments, exceptions)
+
+// The same for a function that takes or gives a time. Where time has two widths, the library calls
+// the system with 64-bit time alone, also if the test is compiled with 32-bit time: real:: and
+// interposed::NAME are the C library's __NAME64, and a time is a SystemTime.
+#if __TIMESIZE == 32
+#define ZEL_INTERPOSE_TIME(result, name, parameters, arguments, exceptions)                        \
+    ZEL_INTERPOSE_AS(__##name##64, "__" #name "64", result, name, parameters, arguments, exceptions)
+#else
+#define ZEL_INTERPOSE_TIME ZEL_INTERPOSE
+#endif
+
+#define ZEL_INTERPOSE_AS(function, symbol, result, name, parameters, arguments, exceptions)        \
     namespace real {                                                                               \
     [[gnu::no_sanitize_thread]] static result name parameters {                                    \
         static result(*next) parameters;                                                           \
         if (next == nullptr)                                                                       \
-            next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));                \
+            next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, symbol));               \
         return next arguments;                                                                     \
     }                                                                                              \
     }                                                                                              \
     namespace interposed {                                                                         \
     static zel::test::Hook<result parameters> name;                                                \
     }                                                                                              \
-    extern "C" [[gnu::no_sanitize_thread]] result name parameters exceptions {                     \
+    extern "C" [[gnu::no_sanitize_thread]] result function parameters exceptions {                 \
         const auto* hook = interposed::name.is_set() ? interposed::name.get() : nullptr;           \
         return hook != nullptr ? (*hook)arguments : real::name arguments;                          \
     }

@@ -10,9 +10,9 @@
 #include <csignal>
 #include <pthread.h>
 
-ZEL_INTERPOSE(int, timer_settime,
-              (timer_t timer, int flags, const itimerspec* value, itimerspec* old),
-              (timer, flags, value, old), noexcept)
+ZEL_INTERPOSE_TIME(int, timer_settime,
+                   (timer_t timer, int flags, const itimerspec* value, itimerspec* old),
+                   (timer, flags, value, old), noexcept)
 
 namespace zel::test {
 

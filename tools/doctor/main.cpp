@@ -1,5 +1,4 @@
 // zelkernel-doctor: what libzelkernel will find on this machine.
-#include "../Output.hpp"
 #include "Check.hpp"
 #include "Report.hpp"
 
@@ -13,7 +12,6 @@ namespace {
 
 using namespace zel::doctor;
 
-constexpr const char* tool = "zelkernel-doctor";
 constexpr const char* usage =
     "Usage: zelkernel-doctor [--json] [--priorities W0,...,W8 [--caller-priority N]]\n"
     "Says what libzelkernel will find on this machine. Changes nothing.\n"
@@ -24,11 +22,7 @@ constexpr const char* usage =
     "  --json                  report as JSON\n"
     "  --help, --version\n"
     "\n"
-    "Exit status: 0 all good, 1 something is missing or could not be tried, 2 usage, or the "
-    "report\n"
-    "cannot be written.\n";
-
-constexpr int failed = 2;
+    "Exit status: 0 all good, 1 something is missing or could not be tried, 2 usage.\n";
 
 struct Options {
     Request request;
@@ -57,7 +51,7 @@ bool parse_priorities(const char* text, Request& request) {
 
 [[noreturn]] void leave_with(int status, std::FILE* stream, const char* text) {
     std::fputs(text, stream);
-    std::exit(zel::tools::is_written(tool) ? status : failed);
+    std::exit(status);
 }
 
 Options parse(int argc, char** argv) {
@@ -86,14 +80,13 @@ Options parse(int argc, char** argv) {
         }
     }
     if (!valid || optind != argc)
-        leave_with(failed, stderr, usage);
+        leave_with(2, stderr, usage);
     return result;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    zel::tools::end_with_the_reader();
     const Options options = parse(argc, argv);
     setenv("LC_ALL", "C", 1); // what the commands print is read
     std::vector<Result> results;
@@ -103,7 +96,5 @@ int main(int argc, char** argv) {
     const auto priorities = check_priorities(options.request);
     results.insert(results.end(), priorities.begin(), priorities.end());
     (options.json ? print_json : print_text)(results);
-    if (!zel::tools::is_written(tool))
-        return failed;
     return all_good(results) ? 0 : 1;
 }
