@@ -24,10 +24,16 @@ inline void require(bool condition, const char* what) {
     std::exit(EXIT_FAILURE);
 }
 
-inline std::int64_t now_ns() {
+inline std::int64_t now_ns(clockid_t clock = CLOCK_MONOTONIC) {
     timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(clock, &now);
     return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+inline void sleep_until(std::int64_t monotonic_ns) {
+    const timespec until{static_cast<time_t>(monotonic_ns / 1'000'000'000),
+                         static_cast<long>(monotonic_ns % 1'000'000'000)};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
 }
 
 inline void report(const char* path, const char* side, double value) {

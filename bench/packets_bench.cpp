@@ -2,31 +2,18 @@
 // descriptors.
 //
 // Receiving: the receive thread is held in a callback while packets are queued in the devices; then
-// it, or a reference thread of the same priority and processor, drains them.
-#include "Measure.hpp"
+// it, or a reference thread of the same priority and processor, drains them. Light load: packets
+// come one at a time, to one device after the other, and what counts is the processor time.
+#include "TunInstance.hpp"
 
 #include <zelkernel/checksum.h>
 #include <zelkernel/locks.h>
-#include <zelkernel/routing.h>
-#include <zelkernel/tun.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
-#include <array>
 #include <atomic>
-#include <fcntl.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
-#include <linux/if_tun.h>
-#include <net/if.h>
 #include <netinet/ip.h>
 #include <netinet/udp.h>
-#include <string>
-#include <sys/ioctl.h>
-#include <sys/select.h>
-#include <sys/socket.h>
-#include <unistd.h>
-#include <vector>
+#include <optional>
 
 namespace {
 
@@ -43,17 +30,14 @@ extern "C" void* malloc(std::size_t size) {
 
 namespace {
 
-constexpr const char* instance = "bench";
-constexpr int priority = 10;
-constexpr std::size_t largest_packet = 1500;
+using bench::Device;
+using bench::largest_packet;
 
-struct Device {
-    int fd;        // the library's own descriptor
-    int interface; // Linux's number of the device, in the instance's namespace
-};
-std::vector<Device> devices;
+constexpr const char* name = "bench";
+constexpr int priority = 10;
+
+std::optional<bench::TunInstance> instance;
 int wakeup_pipe; // what the receive thread waits on besides the devices
-int packet_socket;
 int udp_socket;
 
 const in_addr instance_address{htonl(0xc6336401)};
@@ -63,6 +47,8 @@ constexpr std::uint16_t udp_port = 9;
 struct Drain {
     std::int64_t begin;
     std::int64_t end;
+    std::int64_t begin_processor; // time of the draining thread
+    std::int64_t end_processor;
     unsigned received;
     unsigned expected;
     sem_t start;
@@ -75,6 +61,7 @@ sem_t held;
 
 void begin_drain() {
     drain.received = 0;
+    drain.begin_processor = bench::now_ns(CLOCK_THREAD_CPUTIME_ID);
     drain.begin = bench::now_ns();
 }
 
@@ -82,6 +69,7 @@ void count_packet() {
     if (++drain.received != drain.expected)
         return;
     drain.end = bench::now_ns();
+    drain.end_processor = bench::now_ns(CLOCK_THREAD_CPUTIME_ID);
     sem_post(&drain.done);
 }
 
@@ -109,7 +97,7 @@ void drain_by_hand() {
     FD_ZERO(&all);
     FD_SET(wakeup_pipe, &all);
     int highest = wakeup_pipe;
-    for (const Device& device : devices) {
+    for (const Device& device : instance->devices()) {
         FD_SET(device.fd, &all);
         highest = std::max(highest, device.fd);
     }
@@ -118,7 +106,7 @@ void drain_by_hand() {
         fd_set ready = all;
         if (select(highest + 1, &ready, nullptr, nullptr, nullptr) < 0)
             return;
-        for (const Device& device : devices) {
+        for (const Device& device : instance->devices()) {
             if (FD_ISSET(device.fd, &ready) && read(device.fd, buffer.data(), buffer.size()) >= 0)
                 count_packet();
         }
@@ -134,17 +122,6 @@ void* reference_thread(void*) {
     }
 }
 
-void queue_packet(const Device& device, std::size_t size) {
-    sockaddr_ll address{};
-    address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(ETH_P_IP);
-    address.sll_ifindex = device.interface;
-    static const std::array<unsigned char, largest_packet> packet{0x45};
-    const auto sent = sendto(packet_socket, packet.data(), size, 0,
-                             reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    bench::require(sent == static_cast<ssize_t>(size), "sendto");
-}
-
 // Which devices get packets, and how many each; a device's queue takes 500.
 struct Load {
     std::size_t first;
@@ -155,7 +132,7 @@ struct Load {
 void queue_load(const Load& load, std::size_t size) {
     for (unsigned i = 0; i < load.packets_each; ++i) {
         for (std::size_t device = 0; device < load.count; ++device)
-            queue_packet(devices[load.first + device], size);
+            instance->queue_packet(instance->devices()[load.first + device], size);
     }
     drain.expected = static_cast<unsigned>(load.count) * load.packets_each;
 }
@@ -169,14 +146,15 @@ double run_drain(sem_t& start) {
 // The receive thread sleeps in its callback while the reference drains.
 void hold_receive_thread() {
     hold = true;
-    queue_packet(devices.front(), 64);
+    instance->queue_packet(instance->devices().front(), 64);
     __wrap_sem_wait(&held);
 }
 
 void measure_receive(const std::string& devices_text, const Load& load, std::size_t size) {
     const std::string path = "receive, " + std::to_string(size) + " bytes, " + devices_text;
     unsigned allocated = 0;
-    constexpr int turns = 100;
+    // The reference takes its time with many devices.
+    const int turns = instance->devices().size() == 256 ? 25 : 100;
     for (int turn = 0; turn < turns; ++turn) {
         hold_receive_thread();
         queue_load(load, size);
@@ -188,6 +166,30 @@ void measure_receive(const std::string& devices_text, const Load& load, std::siz
         bench::report(path.c_str(), "ours", rate);
     }
     bench::report("heap allocations while receiving", "ours", allocated);
+}
+
+// 50 packets a second for each device, for a second, evenly spread.
+double light_load_processor_time(sem_t& start) {
+    drain.expected = 50 * static_cast<unsigned>(instance->devices().size());
+    sem_post(&start);
+    std::int64_t next = bench::now_ns();
+    for (unsigned i = 0; i < drain.expected; ++i) {
+        next += 1'000'000'000 / drain.expected;
+        bench::sleep_until(next);
+        instance->queue_packet(instance->devices()[i % instance->devices().size()], 64);
+    }
+    __wrap_sem_wait(&drain.done);
+    return static_cast<double>(drain.end_processor - drain.begin_processor);
+}
+
+void measure_light_load() {
+    const std::string path = "processor time, " + std::to_string(instance->devices().size()) +
+                             " devices, 50 packets/s each";
+    for (int turn = 0; turn < 3; ++turn) {
+        hold_receive_thread();
+        bench::report(path.c_str(), "reference", light_load_processor_time(reference_start));
+        bench::report(path.c_str(), "ours", light_load_processor_time(drain.start));
+    }
 }
 
 // A UDP packet to the socket in the instance.
@@ -232,8 +234,8 @@ double send_rate(const Send& send) {
 void measure_send(const std::string& devices_text, std::size_t size) {
     const std::string path = "send, " + std::to_string(size) + " bytes, " + devices_text;
     const auto packet = udp_packet(size);
-    const int index = static_cast<int>(devices.size()) - 1;
-    const int fd = devices.back().fd;
+    const int index = static_cast<int>(instance->devices().size()) - 1;
+    const int fd = instance->devices().back().fd;
     for (int turn = 0; turn < 800; ++turn) {
         bench::report(path.c_str(), "ours",
                       send_rate([&] { zel_tun_ipv4_packet_send(index, packet.data(), size); }));
@@ -243,34 +245,13 @@ void measure_send(const std::string& devices_text, std::size_t size) {
     }
 }
 
-// Where the machine has no such setting, it needs none.
-void write_setting(const char* path, const char* value) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    bench::require(fd == -1 || write(fd, value, 1) == 1, path);
-    close(fd);
-}
-
-// Makes the instance and the sockets inside it.
-void set_up_instance() {
-    zel_vrf_create(nullptr, 0, instance);
-    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int there = open((std::string{"/run/netns/"} + instance).c_str(), O_RDONLY | O_CLOEXEC);
-    bench::require(setns(there, CLONE_NEWNET) == 0, "setns");
-    // Linux would send packets of its own through the devices, and mistrust the packets' source.
-    write_setting("/proc/sys/net/ipv6/conf/default/disable_ipv6", "1");
-    write_setting("/proc/sys/net/ipv4/conf/all/rp_filter", "0");
-    write_setting("/proc/sys/net/ipv4/conf/default/rp_filter", "0");
-    packet_socket = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    bench::require(packet_socket != -1, "packet socket");
+void open_udp_socket() {
     udp_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in any{};
     any.sin_family = AF_INET;
     any.sin_port = htons(udp_port);
     bench::require(bind(udp_socket, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0,
                    "UDP socket");
-    bench::require(setns(home, CLONE_NEWNET) == 0, "setns back");
-    close(home);
-    close(there);
 }
 
 // The reading end of the process's only pipe.
@@ -284,36 +265,11 @@ int find_wakeup_pipe() {
     return -1;
 }
 
-int descriptor_of(const std::string& name) {
-    for (int fd = 0; fd < FD_SETSIZE; ++fd) {
-        ifreq request{};
-        if (ioctl(fd, TUNGETIFF, &request) == 0 && name == request.ifr_name)
-            return fd;
-    }
-    return -1;
-}
-
-void create_devices(std::size_t count) {
-    while (devices.size() < count) {
-        const int index = static_cast<int>(devices.size());
-        char output[512] = "";
-        zel_tun_ipv4_create(output, sizeof output, instance, index);
-        zel_tun_ipv4_status(nullptr, 0, instance, index, true);
-        ifreq request{};
-        const std::string name = "tun4_" + std::to_string(index);
-        name.copy(request.ifr_name, IFNAMSIZ - 1);
-        const int fd = descriptor_of(name);
-        const bool found = fd != -1 && ioctl(packet_socket, SIOCGIFINDEX, &request) == 0;
-        bench::require(found, output);
-        devices.push_back({fd, request.ifr_ifindex});
-    }
-}
-
 // Read to its end: the ip tool warns about an option here, and a closed pipe would end it before it
 // has added the address.
 void add_address() {
     char output[256];
-    zel_tun_ipv4_address_add(output, sizeof output, instance, 0, &instance_address);
+    zel_tun_ipv4_address_add(output, sizeof output, name, 0, &instance_address);
 }
 
 void measure_with(const std::string& text, const Load& load) {
@@ -329,22 +285,24 @@ int main() {
     bench::start_kernel(1'000'000);
     bench::pin_to_cpu0();
     wakeup_pipe = find_wakeup_pipe();
-    set_up_instance();
+    instance.emplace(name);
+    instance->in_namespace(open_udp_socket);
     bench::start_thread(bench::fifo_attributes(bench::linux_priority(priority), 0),
                         reference_thread, nullptr);
     zel_tun_packet_init(receive, alloc_buffer, free_buffer, priority);
-    create_devices(1);
+    instance->create_devices(1);
     add_address();
     for (const std::size_t count : {1, 16, 256}) {
-        create_devices(count);
+        instance->create_devices(count);
         const std::string text =
             std::to_string(count) + (count == 1 ? " device" : " devices, one busy");
-        measure_with(text, {count - 1, 1, count == 256 ? 100U : 400U});
+        measure_with(text, {count - 1, 1, 400U});
         if (count == 16)
             measure_with("16 devices, all busy", {0, 16, 25});
         for (const std::size_t size : {std::size_t{64}, largest_packet})
             measure_send(std::to_string(count) + (count == 1 ? " device" : " devices"), size);
     }
+    measure_light_load();
     std::fflush(stdout);
     std::_Exit(EXIT_SUCCESS);
 }

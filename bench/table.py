@@ -117,7 +117,8 @@ STEPS = [
     (program, 1, "thread_creation_bench"),
     *[(program, 0.5, "interrupt_bench", "ours", "300"),
       (program, 0.5, "interrupt_bench", "reference", "300")] * 10,
-    (program, 30, "packets_bench"),
+    (program, 33, "packets_bench"),
+    (program, 15, "data_path_bench"),
     (program, 10, "instances_bench"),
     (program, 0.5, "startup_bench"),
     *[(program, 3, "tick_bench", "3"),
@@ -190,6 +191,30 @@ def tick_rows():
                 ours, percentile(samples["tick"][side], share) / 1000, side)
 
 
+def data_path_rows():
+    """What configuration by another thread costs a packet: nothing but what it costs a write()."""
+    def us(path, side, share):
+        return percentile(samples[path][side], share) / 1000
+
+    for path, system in ("send", "write()"), ("gap of reception", "gap between packets"):
+        for name, share in (("99.9 %", 0.999), ("longest", 1)):
+            quiet, loaded = us(path, "quiet", share), us(path, "configuration", share)
+            goal = at_most_times(2) if share < 1 else Goal(
+                "no wait over 5 ms", lambda ours, quiet: ours <= max(quiet, 5000))
+            text = f"{path}, {name}, beside configuration"
+            row(text, "us", goal, loaded, quiet, "quiet")
+            row(text, "us", NO_GOAL, loaded, us(system, "configuration", share),
+                system if path == "send" else "as they came")
+
+
+def busy_among_many_rows():
+    for size in (64, 1500):
+        one, many = (statistics.median(samples[f"receive, {size} bytes, {devices}"]["ours"]) / 1000
+                     for devices in ("1 device", "256 devices, one busy"))
+        row(f"receive, {size} bytes, 256 devices, one busy", "k/s", at_least_times(0.8), many, one,
+            "one device alone")
+
+
 def checksum_rows():
     """Beside the fastest of the references, or beside the 16-bit loop for short blocks."""
     names = {"words16": "16-bit loop", "words32": "32-bit loads", "carry_chain": "carry chain"}
@@ -218,7 +243,10 @@ def make_rows():
     matching("receive, ", "k/s", at_least_times(0.95), "select() + read()", 1e-3)
     row("heap allocations while receiving", "", at_most(0),
         sum(samples["heap allocations while receiving"]["ours"]))
-    matching("send, ", "k/s", at_least_times(0.95), "write()", 1e-3)
+    busy_among_many_rows()
+    matching("processor time, 256", "ms", at_most_times(0.5), "select() + read()", 1e-6)
+    matching("send, ", "k/s", at_least_times(0.97), "write()", 1e-3)
+    data_path_rows()
     checksum_rows()
     medians("checksum, target: instructions per byte", "", at_most(0.5))
     medians("zel_vrf_create", "ms", at_most_times(1.05), "shell script", 1e-6)

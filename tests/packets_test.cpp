@@ -292,6 +292,8 @@ TEST_F(Packets, PassWhileAConfigurationHoldsTheLockAcrossACommand) {
 // More than a handful, so that idle ones are waited for as one.
 TEST_F(Packets, OfAnyOfManyDevicesArriveHoweverLongThatWasIdle) {
     constexpr int devices = 12;
+    EXPECT_TRUE(eventually([] { return stack.select_count != 0; }));
+    const int count_without_devices = stack.select_count;
     std::vector<int> sockets;
     for (int index = 0; index < devices; ++index) {
         const std::string name = "red" + std::to_string(index);
@@ -314,6 +316,9 @@ TEST_F(Packets, OfAnyOfManyDevicesArriveHoweverLongThatWasIdle) {
     for (const int index : {11, 7, 1})
         expect_packets(index, 3);
     EXPECT_EQ(stack.freed, 1);
+    for (int index = 0; index < devices; ++index)
+        zel_tun_ipv4_destroy(nullptr, 0, ("red" + std::to_string(index)).c_str(), index);
+    EXPECT_TRUE(eventually([&] { return stack.select_count == count_without_devices; }));
 }
 
 TEST_F(Packets, AreNeverReadFromAClosedDescriptor) {

@@ -93,6 +93,10 @@ void compare(const Resources& start, std::size_t memory) {
 
 void print_verdict(bool held, long seconds) {
     const soak::Figures& f = soak::figures;
+    std::printf(
+        "The IP stack beside all this: longest send %.3f ms, longest time without a packet "
+        "received %.3f ms (the receive thread also runs the commands that delete devices)\n",
+        static_cast<double>(f.longest_send_ns) / 1e6, static_cast<double>(f.longest_gap_ns) / 1e6);
     std::printf("soak: %s: %ld s, %" PRIu64 " packets echoed (%" PRIu64 " MB), %" PRIu64
                 " sent to coming and going devices, %" PRIu32 " devices in %" PRIu32
                 " instances made and destroyed, %" PRIu32 " settings changed, %" PRIu32

@@ -1,5 +1,6 @@
 #include "soak_stack.hpp"
 
+#include "lateness.hpp"
 #include "priorities.hpp"
 #include "soak_message.hpp"
 #include "soak_watch.hpp"
@@ -68,6 +69,21 @@ void turn_round(unsigned char* packet, const Layout& layout, std::uint16_t answe
     }
 }
 
+// Receive thread only.
+void note_longest(std::atomic<std::int64_t>& longest, std::int64_t ns) {
+    longest = std::max(longest.load(), ns);
+}
+
+// While the load runs there is always a packet on its way.
+void note_reception() {
+    static std::int64_t last = 0;
+    const std::int64_t now = now_ns();
+    if (last != 0 && !stopping()) {
+        note_longest(figures.longest_gap_ns, now - last);
+    }
+    last = now;
+}
+
 void echo(int index, unsigned char* packet, std::size_t length) {
     const bool is_v4 = packet[0] >> 4 == 4;
     const Layout& layout = is_v4 ? ipv4_layout : ipv6_layout;
@@ -88,7 +104,9 @@ void echo(int index, unsigned char* packet, std::size_t length) {
               std::to_string(header.flow / 2));
     }
     turn_round(packet, layout, static_cast<std::uint16_t>(index));
+    const std::int64_t begin = now_ns();
     (is_v4 ? zel_tun_ipv4_packet_send : zel_tun_ipv6_packet_send)(index, packet, length);
+    note_longest(figures.longest_send_ns, now_ns() - begin);
 }
 
 void alloc_buffer(void** handle, void** data, int size) {
@@ -105,6 +123,7 @@ void free_buffer(void* handle) {
 }
 
 void receive(int index, void* handle, int length) {
+    note_reception();
     if (length > 0) {
         echo(index, static_cast<unsigned char*>(handle), static_cast<std::size_t>(length));
     }

@@ -15,6 +15,10 @@ struct Figures {
     std::atomic<std::uint32_t> devices{0};
     std::atomic<std::uint32_t> threads{0};
     std::atomic<std::uint32_t> settings{0}; // changes of criteria and MTUs
+
+    // Beside all of the configuration: how long the IP stack waited, of the receive thread alone.
+    std::atomic<std::int64_t> longest_send_ns{0};
+    std::atomic<std::int64_t> longest_gap_ns{0}; // between two packets received
 };
 extern Figures figures;
 

@@ -1,10 +1,11 @@
-"""zelkernel-check-wraps and zelkernel-doctor, run as a user runs them."""
+"""zelkernel-check-wraps, zelkernel-doctor and zelkernel-top, run as a user runs them."""
 
 import concurrent.futures
 import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -288,6 +289,60 @@ class Doctor(unittest.TestCase):
             with self.subTest(arguments):
                 result = run(os.environ["DOCTOR"], *arguments)
                 self.assertEqual((result.returncode, result.stdout), (2, ""))
+
+
+@unittest.skipIf(os.geteuid() != 0, "needs root, for a kernel in private namespaces")
+class Top(unittest.TestCase):
+    def start(self, before):
+        """A kernel, in the process whose number is known before it publishes its counters."""
+        command = f"mount -t tmpfs none /run && mkdir /run/netns && {before}; exec $LATE_APPLICATION stay"
+        process = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", command],
+                                   env=os.environ | {"ZELKERNEL_STATS": "1"})
+        self.addCleanup(lambda: (process.kill(), process.wait()))
+        return process
+
+    def test_waits_for_a_process_that_has_just_been_started(self):
+        process = self.start("sleep 0.5")
+        result = run(os.environ["TOP"], "--json", str(process.pid))
+        self.assertEqual(result.returncode, 0, result.stderr)
+        now = json.loads(result.stdout)
+        self.assertEqual((now["process"], now["tick"]["period_ns"]), (process.pid, 20000000))
+        kcall, = (t for t in now["threads"] if t["name"] == "KCall")
+        self.assertEqual((kcall["policy"], kcall["linux_priority"], kcall["application_priority"]),
+                         ("FIFO", 46, 36))
+        lines = run(os.environ["TOP"], "--json", "--count", "2", str(process.pid)).stdout.splitlines()
+        first, second = (json.loads(line) for line in lines)
+        self.assertGreater(second["tick"]["ticks"], first["tick"]["ticks"])
+        self.assertGreater(second["seconds"], first["seconds"])
+
+    def test_a_process_that_has_ended_does_not_run(self):
+        process = self.start("exit 0")
+        os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOWAIT)
+        for number in process.pid, 1 << 29:
+            result = run(os.environ["TOP"], str(number))
+            self.assertEqual((result.returncode, result.stderr),
+                             (1, f"zelkernel-top: process {number} does not run\n"))
+
+
+class Output(unittest.TestCase):
+    def test_that_cannot_be_written(self):
+        for name, status in (("CHECK_WRAPS", 2), ("DOCTOR", 2), ("TOP", 1)):
+            for option in "--version", "--help":
+                with self.subTest((name, option)), open("/dev/full", "w", encoding="ascii") as full:
+                    result = subprocess.run([os.environ[name], option], stdout=full, check=False,
+                                            stderr=subprocess.PIPE, text=True)
+                    self.assertEqual(result.returncode, status)
+                    self.assertRegex(result.stderr, "^zelkernel-.*: .* No space left on device\n$")
+
+                    # As under a service manager, where the signal is ignored.
+                    reading, writing = os.pipe()
+                    os.close(reading)
+                    result = subprocess.run(["env", "--ignore-signal=PIPE", os.environ[name], option],
+                                            stdout=writing, stderr=subprocess.PIPE, check=False)
+                    os.close(writing)
+                    self.assertEqual((result.returncode, result.stderr), (-signal.SIGPIPE, b""))
+            printed = run(os.environ[name], "--version").stdout
+            self.assertRegex(printed, f"^zelkernel-[a-z-]+ {os.environ['VERSION']}\n$")
 
 
 if __name__ == "__main__":

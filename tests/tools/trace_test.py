@@ -1,5 +1,6 @@
 """zelkernel-trace, run as a user runs it, on an application that is late on purpose."""
 
+import json
 import os
 import re
 import signal
@@ -61,6 +62,50 @@ class Trace(unittest.TestCase):
         cost = re.search(r"cost (.*) % of one processor", self.output)
         self.assertTrue(cost and 0 < float(cost[1]) < 50, self.output)
 
+    def reader(self, *arguments):
+        result = subprocess.run([TRACE, *arguments, self.file], capture_output=True, text=True,
+                                check=False)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        return result.stdout
+
+    def test_report_names_the_culprit(self):
+        """With what it took, as the application itself measured it."""
+        report = json.loads(self.reader("report", "--json", "--latest", "1000"))
+        ways = {"spin": ("ticks", "spinner"), "lock": ("wakeups", "mid"),
+                "poller": ("ticks", "KCall"), "burst": ("ticks", "InterruptThread")}
+        for way, (kind, culprit) in ways.items():
+            late, took = self.measured[way]
+            found = {}
+            for case in report[kind]["latest"]:
+                total = sum(part["us"] for part in case["parts"]
+                            if part.get("thread", {}).get("name") == culprit)
+                if abs(total - took) <= took / 10:
+                    found = case
+            with self.subTest(way):
+                self.assertTrue(found, report[kind])
+                self.assertAlmostEqual(found["late_us"], late, delta=late / 10)
+                parts = found["parts"]
+                greatest = parts[0]
+                self.assertEqual(greatest["thread"]["name"], culprit)
+                if way == "lock":
+                    self.assertEqual(greatest["lock"]["name"], "contended")
+                    self.assertEqual(greatest["lock"]["held_by"]["name"], "low")
+                    self.assertEqual(greatest["thread"]["application_priority"], 10)
+                self.assertEqual(greatest.get("doing"), {
+                    "poller": "poller", "burst": "service routine of interrupt 7"}.get(way))
+        for kind in ("ticks", "interrupts", "wakeups"):
+            for case in report[kind]["latest"]:
+                self.assertAlmostEqual(sum(part["us"] for part in case["parts"]), case["late_us"], 2)
+        self.assertEqual([(row["name"], row["count"]) for row in report["service"]],
+                         [("interrupt 7", 40)])
+
+    def test_report_fits_a_terminal(self):
+        text = self.reader("report")
+        self.assertLessEqual(max(map(len, text.splitlines())), 100)
+        for words in ("spinner (application 45, Linux 55) ran", "lock contended held by low",
+                      "it ran itself: poller", "service routine of interrupt 7"):
+            self.assertIn(words, " ".join(text.split()))
+
     def test_record_ends_in_any_way(self):
         """Memory is bounded; asked to end, the file is whole; whatever ends it, nothing stays."""
         busy = subprocess.Popen([LATE, "stay"])
@@ -68,10 +113,9 @@ class Trace(unittest.TestCase):
         self.addCleanup(busy.kill)
         file = self.directory.name + "/ended.trace"
         for how in (signal.SIGINT, signal.SIGTERM, signal.SIGKILL):
-            with self.subTest(how):
-                recorder = subprocess.Popen(
+            with self.subTest(how), subprocess.Popen(
                     [TRACE, "record", "-o", file, "--buffer", "64", str(busy.pid)],
-                    stdout=subprocess.PIPE, text=True)
+                    stdout=subprocess.PIPE, text=True) as recorder:
                 self.assertIn("recording", recorder.stdout.readline())
                 statistics = f"{TRACING}/instances/zelkernel_{recorder.pid}/per_cpu/cpu0/stats"
                 wait_for(lambda: re.search("^overrun: [1-9]", read(statistics), re.M), "a full buffer")

@@ -1,12 +1,14 @@
 #include "Report.hpp"
 
-#include "Text.hpp"
+#include "../Output.hpp"
 
 #include <algorithm>
 #include <cstdio>
 
 namespace zel::doctor {
 namespace {
+
+using tools::json_text;
 
 const char* name_of(Status status) {
     switch (status) {
@@ -20,21 +22,6 @@ const char* name_of(Status status) {
         break;
     }
     return "unknown";
-}
-
-// Control characters come from tools' output; bytes above ASCII pass as they are.
-std::string quoted(std::string_view text) {
-    std::string result = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            result += {'\\', c};
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            result += format("\\u%04x", static_cast<unsigned>(c));
-        } else {
-            result += c;
-        }
-    }
-    return result + '"';
 }
 
 } // namespace
@@ -63,9 +50,9 @@ void print_json(std::span<const Result> results) {
         std::printf(
             "%s  {\"what\": %s, \"status\": \"%s\", \"found\": %s,\n   \"consequence\": %s,\n"
             "   \"remedy\": %s}",
-            separator, quoted(result.what).c_str(), name_of(result.finding.status),
-            quoted(result.finding.found).c_str(), quoted(result.consequence).c_str(),
-            quoted(result.remedy).c_str());
+            separator, json_text(result.what).c_str(), name_of(result.finding.status),
+            json_text(result.finding.found).c_str(), json_text(result.consequence).c_str(),
+            json_text(result.remedy).c_str());
         separator = ",\n";
     }
     std::printf("\n]}\n");

@@ -1,4 +1,5 @@
 // zelkernel-doctor: what libzelkernel will find on this machine.
+#include "../Output.hpp"
 #include "Check.hpp"
 #include "Report.hpp"
 
@@ -12,6 +13,7 @@ namespace {
 
 using namespace zel::doctor;
 
+constexpr const char* tool = "zelkernel-doctor";
 constexpr const char* usage =
     "Usage: zelkernel-doctor [--json] [--priorities W0,...,W8 [--caller-priority N]]\n"
     "Says what libzelkernel will find on this machine. Changes nothing.\n"
@@ -22,7 +24,11 @@ constexpr const char* usage =
     "  --json                  report as JSON\n"
     "  --help, --version\n"
     "\n"
-    "Exit status: 0 all good, 1 something is missing or could not be tried, 2 usage.\n";
+    "Exit status: 0 all good, 1 something is missing or could not be tried, 2 usage, or the "
+    "report\n"
+    "cannot be written.\n";
+
+constexpr int failed = 2;
 
 struct Options {
     Request request;
@@ -51,7 +57,7 @@ bool parse_priorities(const char* text, Request& request) {
 
 [[noreturn]] void leave_with(int status, std::FILE* stream, const char* text) {
     std::fputs(text, stream);
-    std::exit(status);
+    std::exit(zel::tools::is_written(tool) ? status : failed);
 }
 
 Options parse(int argc, char** argv) {
@@ -80,13 +86,14 @@ Options parse(int argc, char** argv) {
         }
     }
     if (!valid || optind != argc)
-        leave_with(2, stderr, usage);
+        leave_with(failed, stderr, usage);
     return result;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    zel::tools::end_with_the_reader();
     const Options options = parse(argc, argv);
     setenv("LC_ALL", "C", 1); // what the commands print is read
     std::vector<Result> results;
@@ -96,5 +103,7 @@ int main(int argc, char** argv) {
     const auto priorities = check_priorities(options.request);
     results.insert(results.end(), priorities.begin(), priorities.end());
     (options.json ? print_json : print_text)(results);
+    if (!zel::tools::is_written(tool))
+        return failed;
     return all_good(results) ? 0 : 1;
 }

@@ -49,15 +49,43 @@ Thread read_thread(const fs::path& task) {
     return thread;
 }
 
+fs::path process_directory(pid_t pid) {
+    return fs::path{"/proc"} / std::to_string(pid);
+}
+
 } // namespace
 
 std::vector<Thread> threads_of(pid_t pid) {
     std::vector<Thread> threads;
     std::error_code error;
-    const fs::path tasks = fs::path{"/proc"} / std::to_string(pid) / "task";
+    const fs::path tasks = process_directory(pid) / "task";
     for (const fs::directory_entry& task : fs::directory_iterator{tasks, error})
         threads.push_back(read_thread(task.path()));
     return threads;
+}
+
+const char* policy_name(int policy) {
+    switch (policy) {
+    case SCHED_FIFO:
+        return "FIFO";
+    case SCHED_RR:
+        return "RR";
+    case SCHED_OTHER:
+        return "OTHER";
+    default:
+        return "?";
+    }
+}
+
+bool is_real_time(const Thread& thread) {
+    return thread.policy == SCHED_FIFO || thread.policy == SCHED_RR;
+}
+
+bool is_running(pid_t pid) {
+    // When the main thread alone has ended, the process is shown as a zombie, too.
+    const std::string state = status_value(process_directory(pid), "State");
+    const bool has_ended = state.find_first_of("ZX?") == 0;
+    return !has_ended || threads_of(pid).size() > 1;
 }
 
 } // namespace top

@@ -18,4 +18,10 @@ struct Thread {
 
 std::vector<Thread> threads_of(pid_t pid);
 
+const char* policy_name(int policy);
+bool is_real_time(const Thread& thread);
+
+// A process that has ended and that its parent has not asked about is there, but does not run.
+bool is_running(pid_t pid);
+
 } // namespace top

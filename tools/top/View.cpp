@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <numeric>
-#include <sched.h>
 #include <span>
 
 namespace top {
@@ -27,19 +26,6 @@ private:
     std::string text_;
 };
 
-const char* policy_name(int policy) {
-    switch (policy) {
-    case SCHED_FIFO:
-        return "FIFO";
-    case SCHED_RR:
-        return "RR";
-    case SCHED_OTHER:
-        return "OTHER";
-    default:
-        return "?";
-    }
-}
-
 // Counters wrap; their difference does not care.
 double rate(uint32_t before, uint32_t now, double seconds) {
     return seconds > 0 ? static_cast<double>(now - before) / seconds : 0;
@@ -59,14 +45,12 @@ double lateness_quantile(const zel_statistics& statistics, double share) {
 }
 
 void show_threads(Page& page, const Look& now) {
-    const int32_t* words = now.statistics.priorities;
-    const int shift = words[5] - words[8];
     page.line("%8s %-16s %6s %6s %6s %4s %s", "THREAD", "NAME", "APP", "LINUX", "POLICY", "CPU",
               "ALLOWED");
     for (const Thread& thread : now.threads) {
-        const bool is_real_time = thread.policy == SCHED_FIFO || thread.policy == SCHED_RR;
         const std::string application =
-            is_real_time ? std::to_string(thread.priority + shift) : "-";
+            is_real_time(thread) ? std::to_string(application_priority(thread, now.statistics))
+                                 : "-";
         page.line("%8d %-16s %6s %6d %6s %4d %s", thread.id, thread.name.c_str(),
                   application.c_str(), thread.priority, policy_name(thread.policy),
                   thread.processor, thread.allowed.c_str());
@@ -100,22 +84,32 @@ void show_devices(Page& page, const zel_statistics& before, const zel_statistics
     page.line("%-14s %10s %9s %10s %9s %8s", "DEVICE", "RECEIVED", "/s", "SENT", "/s", "DROPPED");
     for (size_t i = 0; i < ZEL_STATISTICS_DEVICES; ++i) {
         const zel_statistics_device& device = now.devices[i];
-        if (device.family != 4 && device.family != 6)
+        if (!is_used(device))
             continue;
         // A place that another device had before starts from 0.
         const bool is_same =
             before.devices[i].family == device.family && before.devices[i].index == device.index;
         const zel_statistics_device then = is_same ? before.devices[i] : zel_statistics_device{};
-        const std::string name =
-            "tun" + std::to_string(device.family) + "_" + std::to_string(device.index);
-        page.line("%-14s %10u %9.0f %10u %9.0f %8u", name.c_str(), device.received_packets,
-                  rate(then.received_packets, device.received_packets, seconds),
-                  device.sent_packets, rate(then.sent_packets, device.sent_packets, seconds),
-                  device.dropped_packets);
+        page.line(
+            "%-14s %10u %9.0f %10u %9.0f %8u", device_name(device).c_str(), device.received_packets,
+            rate(then.received_packets, device.received_packets, seconds), device.sent_packets,
+            rate(then.sent_packets, device.sent_packets, seconds), device.dropped_packets);
     }
 }
 
 } // namespace
+
+bool is_used(const zel_statistics_device& device) {
+    return device.family == 4 || device.family == 6;
+}
+
+std::string device_name(const zel_statistics_device& device) {
+    return "tun" + std::to_string(device.family) + "_" + std::to_string(device.index);
+}
+
+int application_priority(const Thread& thread, const zel_statistics& statistics) {
+    return thread.priority + statistics.priorities[5] - statistics.priorities[8];
+}
 
 std::string render(pid_t pid, const Look& before, const Look& now) {
     const double seconds = now.seconds - before.seconds;

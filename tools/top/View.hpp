@@ -16,6 +16,13 @@ struct Look {
     double seconds; // of a steady clock
 };
 
+// Unused places of the table are skipped.
+bool is_used(const zel_statistics_device& device);
+std::string device_name(const zel_statistics_device& device);
+
+// In the application's numbering; for threads under a real-time policy only.
+int application_priority(const Thread& thread, const zel_statistics& statistics);
+
 std::string render(pid_t pid, const Look& before, const Look& now);
 
 } // namespace top

@@ -1,11 +1,11 @@
 // zelkernel-top: a terminal view of a running application.
+#include "../Output.hpp"
+#include "Json.hpp"
 #include "StatisticsFile.hpp"
 #include "View.hpp"
 
-#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -14,17 +14,22 @@
 
 namespace {
 
-constexpr const char* usage = "usage: zelkernel-top [--delay SECONDS] [--count N] [PID]\n"
+constexpr const char* tool = "zelkernel-top";
+constexpr const char* usage = "usage: zelkernel-top [--delay SECONDS] [--count N] [--json] [PID]\n"
                               "Shows what the kernel of an application does that was started with "
                               "ZELKERNEL_STATS=1.\n"
                               "  --delay SECONDS  between two pictures, 1 to 3600 (default 1)\n"
-                              "  --count N        end after N pictures (default: go on)\n";
+                              "  --count N        end after N pictures (default: go on)\n"
+                              "  --json           the counters as they are now, as JSON; with "
+                              "--count, one line each time\n"
+                              "  --help, --version\n";
 
 enum Status { ok = 0, failed = 1, misused = 2 };
 
 struct Options {
     int delay = 1;
     int count = 0; // 0: for ever
+    bool json = false;
     pid_t pid = 0; // 0: the one that publishes
 };
 
@@ -43,12 +48,16 @@ bool parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : "";
-        if (parse_option(argument, value, options)) {
+        if (argument == "--json") {
+            options.json = true;
+        } else if (parse_option(argument, value, options)) {
             ++i;
         } else if (options.pid != 0 || !parse_number(argument, 1, 1 << 30, options.pid)) {
             return false;
         }
     }
+    if (options.json && options.count == 0)
+        options.count = 1;
     return true;
 }
 
@@ -79,23 +88,41 @@ top::Look look(const top::Statistics& statistics, pid_t pid) {
     return {*statistics, top::threads_of(pid), now.count()};
 }
 
-bool is_gone(pid_t pid) {
-    return kill(pid, 0) == -1 && errno == ESRCH;
+// One that was given by its number may have been started just before.
+top::Statistics wait_for_statistics(pid_t pid, std::string& problem) {
+    using namespace std::chrono;
+    const auto deadline = steady_clock::now() + seconds(3);
+    for (;;) {
+        if (!top::is_running(pid)) {
+            problem = "process " + std::to_string(pid) + " does not run";
+            return nullptr;
+        }
+        top::Statistics statistics = top::map_statistics(pid, problem);
+        if (statistics != nullptr || steady_clock::now() > deadline)
+            return statistics;
+        std::this_thread::sleep_for(milliseconds(20));
+    }
+}
+
+std::string picture_of(const Options& options, const top::Look& before, const top::Look& now) {
+    if (options.json)
+        return top::to_json(options.pid, now);
+    const bool is_terminal = isatty(STDOUT_FILENO) != 0;
+    return (is_terminal ? "\033[H\033[2J" : "") + top::render(options.pid, before, now);
 }
 
 int show(const Options& options, const top::Statistics& statistics) {
-    const bool is_terminal = isatty(STDOUT_FILENO) != 0;
     top::Look before = look(statistics, options.pid);
     for (int picture = 1; options.count == 0 || picture <= options.count; ++picture) {
-        std::this_thread::sleep_for(std::chrono::seconds(options.delay));
-        if (is_gone(options.pid)) {
+        if (picture > 1 || !options.json) // a rate needs two looks
+            std::this_thread::sleep_for(std::chrono::seconds(options.delay));
+        if (!top::is_running(options.pid)) {
             std::fprintf(stderr, "zelkernel-top: process %d has ended\n", options.pid);
             return ok;
         }
         top::Look now = look(statistics, options.pid);
-        std::fputs(is_terminal ? "\033[H\033[2J" : "", stdout);
-        std::fputs(top::render(options.pid, before, now).c_str(), stdout);
-        if (std::fflush(stdout) != 0)
+        std::fputs(picture_of(options, before, now).c_str(), stdout);
+        if (!zel::tools::is_written(tool))
             return failed;
         before = std::move(now);
     }
@@ -105,10 +132,12 @@ int show(const Options& options, const top::Statistics& statistics) {
 } // namespace
 
 int main(int argc, char** argv) {
+    zel::tools::end_with_the_reader();
     Options options;
-    if (argc == 2 && std::string_view{argv[1]} == "--help") {
-        std::fputs(usage, stdout);
-        return ok;
+    const std::string_view only = argc == 2 ? argv[1] : "";
+    if (only == "--help" || only == "--version") {
+        std::fputs(only == "--help" ? usage : "zelkernel-top " ZEL_TOOLS_VERSION "\n", stdout);
+        return zel::tools::is_written(tool) ? ok : failed;
     }
     if (!parse(argc, argv, options)) {
         std::fputs(usage, stderr);
@@ -117,7 +146,7 @@ int main(int argc, char** argv) {
     if (!choose_process(options))
         return failed;
     std::string problem;
-    const top::Statistics statistics = top::map_statistics(options.pid, problem);
+    const top::Statistics statistics = wait_for_statistics(options.pid, problem);
     if (statistics == nullptr) {
         std::fprintf(stderr, "zelkernel-top: %s\n", problem.c_str());
         return failed;

@@ -1,58 +1,16 @@
 #include "ProbePoints.hpp"
 
+#include "ElfImage.hpp"
+
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <elf.h>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <sstream>
 
 namespace trace {
 namespace {
-
-struct Elf32 {
-    using Header = Elf32_Ehdr;
-    using Section = Elf32_Shdr;
-    using Segment = Elf32_Phdr;
-    using Symbol = Elf32_Sym;
-    using Address = Elf32_Addr;
-};
-struct Elf64 {
-    using Header = Elf64_Ehdr;
-    using Section = Elf64_Shdr;
-    using Segment = Elf64_Phdr;
-    using Symbol = Elf64_Sym;
-    using Address = Elf64_Addr;
-};
-
-// A file's bytes; what lies beyond its end reads as zeros and empty texts.
-class Image {
-public:
-    explicit Image(const std::string& path) {
-        std::ifstream file{path, std::ios::binary};
-        bytes_.assign(std::istreambuf_iterator<char>{file}, {});
-    }
-
-    template<typename T>
-    T at(std::uint64_t offset) const {
-        T value{};
-        if (offset < bytes_.size() && bytes_.size() - offset >= sizeof value)
-            std::memcpy(&value, bytes_.data() + offset, sizeof value);
-        return value;
-    }
-    std::string text(std::uint64_t offset) const {
-        if (offset >= bytes_.size())
-            return {};
-        const auto start = static_cast<size_t>(offset); // within the file's size
-        return {bytes_.data() + start, strnlen(bytes_.data() + start, bytes_.size() - start)};
-    }
-
-private:
-    std::string bytes_;
-};
 
 constexpr std::uint64_t aligned(std::uint64_t size) {
     return (size + 3) & ~std::uint64_t{3};
@@ -203,11 +161,9 @@ std::string type_of(const std::string& size) {
 
 ProbedFile read_probed_file(const std::string& path) {
     const Image image{path};
-    const auto ident = image.at<std::array<unsigned char, EI_NIDENT>>(0);
-    if (std::memcmp(ident.data(), ELFMAG, SELFMAG) != 0)
-        return {};
-    return ident[EI_CLASS] == ELFCLASS32 ? Reader<Elf32>{image}.read()
-                                         : Reader<Elf64>{image}.read();
+    ProbedFile file;
+    read_elf(image, [&]<typename Elf>() { file = Reader<Elf>{image}.read(); });
+    return file;
 }
 
 std::string fetch_arguments(const ProbePoint& point) {

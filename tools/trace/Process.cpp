@@ -149,6 +149,18 @@ std::string describe(pid_t process, const Library& library, std::uint64_t priori
     return text.str();
 }
 
+std::map<std::string, std::uint64_t> application_files(pid_t process) {
+    std::map<std::string, std::uint64_t> files;
+    for (const Mapping& mapping : mappings_of(process)) {
+        const bool is_system =
+            mapping.path.starts_with("/usr/lib/") || mapping.path.starts_with("/lib/");
+        const bool is_ours = mapping.path.find("/libzelkernel") != std::string::npos;
+        if (mapping.offset == 0 && (is_ours || !is_system))
+            files.emplace(seen_from_here(process, mapping.path), mapping.start);
+    }
+    return files;
+}
+
 std::uint64_t offset_in_file(pid_t process, std::uint64_t address) {
     for (const Mapping& mapping : mappings_of(process)) {
         if (mapping.start <= address && address < mapping.end)

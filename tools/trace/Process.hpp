@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <sys/types.h>
-#include <vector>
 
 namespace trace {
 
@@ -26,6 +26,10 @@ Library library_of_command(char* const* command);
 // Lines for the recording: threads with names and priorities, what is mapped where, and the
 // words that make an application's priority from a Linux one.
 std::string describe(pid_t process, const Library& library, std::uint64_t priorities);
+
+// The application's own files and where they are mapped, by their paths as seen from here: the
+// system's libraries are left out, libzelkernel is not.
+std::map<std::string, std::uint64_t> application_files(pid_t process);
 
 // Where the address lies in the file that is mapped there.
 std::uint64_t offset_in_file(pid_t process, std::uint64_t address);

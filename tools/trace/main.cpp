@@ -1,7 +1,8 @@
-// zelkernel-trace: records what an application and the kernel below it do. Report and export are
-// Python programs, for which this one only stands at the door.
+// zelkernel-trace: records what an application and the kernel below it do. Report and export are a
+// Python program, for which this one only stands at the door: the target records without it.
 #include "Cost.hpp"
 #include "Process.hpp"
+#include "Symbols.hpp"
 #include "TraceFile.hpp"
 #include "Tracefs.hpp"
 
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string_view>
 #include <sys/wait.h>
@@ -27,6 +29,8 @@ using namespace trace;
 constexpr const char* usage =
     "usage: zelkernel-trace record [-o FILE] [--seconds N] [--buffer KIB] PID\n"
     "       zelkernel-trace record [-o FILE] [--seconds N] [--buffer KIB] -- COMMAND...\n"
+    "       zelkernel-trace report [--json] [--latest N] FILE\n"
+    "       zelkernel-trace export [--html | --svg] [-o OUTPUT] FILE\n"
     "Shows why an application's ticks, interrupts and threads were late.\n"
     "  -o FILE       the recording (zelkernel.trace)\n"
     "  --seconds N   how long to record (10); ends with the application, too\n"
@@ -217,17 +221,25 @@ std::string record_with(Instance& instance, const Options& options, Library libr
     std::fflush(stdout);
 
     std::string facts;
+    std::map<std::string, std::string> symbols; // by file: each is read once, while it is there
     wait_for_end(options, signals, [&] {
         if (library.base == 0)
             library.base = base_of(options.process, library.path);
         const std::string latest = describe(options.process, library, file.priorities);
-        if (latest.find("\nthread") != std::string::npos && library.base != 0)
-            facts = latest;
+        if (latest.find("\nthread") == std::string::npos || library.base == 0)
+            return;
+        facts = latest;
+        for (const auto& [path, base] : application_files(options.process)) {
+            if (!symbols.contains(path))
+                symbols[path] = describe_symbols(path, base);
+        }
     });
     instance.stop();
     const std::string cost =
         describe_cost(instance, prices, seconds_now() - begin, own_seconds() - own);
     std::printf("zelkernel-trace: cost %s\n", cost.c_str());
+    for (const auto& [path, lines] : symbols)
+        facts += lines;
     facts += "cost " + cost + '\n';
     for (const Lack& lack : instance.lacking())
         facts += "lacks " + lack.what + ": " + lack.consequence + '\n';
@@ -276,9 +288,20 @@ int record(Options options) {
                      std::strerror(errno));
         return failed;
     }
-    std::printf("zelkernel-trace: %s: see `trace-cmd report %s`\n", options.file.c_str(),
-                options.file.c_str());
+    std::printf("zelkernel-trace: see `zelkernel-trace report %s`\n", options.file.c_str());
     return ok;
+}
+
+// Does not return, unless there is no Python.
+int read(char** argv) {
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string reader = self.parent_path().parent_path() / ZEL_TRACE_READER;
+    std::vector<const char*> arguments{"python3", "-B", reader.c_str()};
+    while (*++argv != nullptr)
+        arguments.push_back(*argv);
+    arguments.push_back(nullptr);
+    execvp(arguments[0], const_cast<char**>(arguments.data()));
+    fail("report and export need python3: take the recording to a machine that has it");
 }
 
 } // namespace
@@ -288,6 +311,8 @@ int main(int argc, char** argv) {
     Options options;
     if (what == "record" && parse(argc, argv, options))
         return record(options);
+    if (what == "report" || what == "export")
+        return read(argv);
     const bool asked = what == "--help";
     std::fputs(usage, asked ? stdout : stderr);
     return asked ? ok : misused;
