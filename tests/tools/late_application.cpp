@@ -2,7 +2,9 @@
 // own clock and how long the culprit took of that: "way late culprit", in microseconds.
 // With an argument it is only busy, until it is killed.
 #include <zelkernel/affinity.h>
+#include <zelkernel/deferred_service.hpp>
 #include <zelkernel/interrupt_manager.hpp>
+#include <zelkernel/kcall.h>
 #include <zelkernel/kernel.h>
 #include <zelkernel/simulated_platform.h>
 
@@ -16,6 +18,8 @@
 #include <unistd.h>
 
 namespace {
+
+using Controller = Drivers::Devices::InterruptProcessing::LinuxDeferredServiceController;
 
 constexpr std::int64_t period_us = 20'000;
 constexpr std::int64_t long_us = 50'000; // more than two periods
@@ -83,16 +87,23 @@ void judge_tick(const char* way, MakeLate make_late) {
     print(way, tick_at - due, end - due);
 }
 
-struct Routine : Drivers::Api::InterruptProcessing::InterruptServiceRoutine {
+void settle(zel_word_t, zel_word_t, zel_word_t) {}
+
+struct Routine : Drivers::Api::InterruptProcessing::InterruptServiceRoutine,
+                 Drivers::Api::InterruptProcessing::DeferredServiceRoutine {
     std::atomic<int> served = 0;
     std::atomic<std::int64_t> ended = 0;
     void isr() override {
-        if (served == 0)
+        if (served == 0) {
             setThreadAffinityCPU0();
+            Controller::getInstance()->defer(this);
+            kcall_enqueue(reinterpret_cast<zel_word_t>(settle), 0, 0, 0);
+        }
         spin_until(now_us() + 1000);
         ended = now_us();
         ++served;
     }
+    void dsr() override {}
 };
 
 pthread_t start(void* (*routine)(void*), int priority) {

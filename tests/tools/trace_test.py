@@ -3,12 +3,15 @@
 import json
 import os
 import re
+import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import zlib
 
 TRACE = os.environ["TRACE"]
 LATE = os.environ["LATE_APPLICATION"]
@@ -39,6 +42,14 @@ def wait_for(condition, what):
             return
         time.sleep(0.1)
     raise AssertionError(what + " did not come")
+
+
+def chunks(png):
+    at = 8
+    while at < len(png):
+        size, kind = struct.unpack_from(">I4s", png, at)
+        yield kind, png[at + 8:at + 8 + size]
+        at += size + 12
 
 
 class Trace(unittest.TestCase):
@@ -93,6 +104,8 @@ class Trace(unittest.TestCase):
                     self.assertEqual(greatest["thread"]["application_priority"], 10)
                 self.assertEqual(greatest.get("doing"), {
                     "poller": "poller", "burst": "service routine of interrupt 7"}.get(way))
+        calls = {re.split("[:(]", row["name"])[-2]: row["count"] for row in report["call"]}
+        self.assertEqual(calls, {"settle": 1, "runDeferredServiceRoutine": 1})
         for kind in ("ticks", "interrupts", "wakeups"):
             for case in report[kind]["latest"]:
                 self.assertAlmostEqual(sum(part["us"] for part in case["parts"]), case["late_us"], 2)
@@ -105,6 +118,59 @@ class Trace(unittest.TestCase):
         for words in ("spinner (application 45, Linux 55) ran", "lock contended held by low",
                       "it ran itself: poller", "service routine of interrupt 7"):
             self.assertIn(words, " ".join(text.split()))
+
+    def test_export_for_viewers(self):
+        events = json.loads(self.reader("export"))["traceEvents"]
+        names = {event["args"]["name"]: event["tid"] for event in events
+                 if event["name"] == "thread_name"}
+        spinner = names["spinner (application 45, Linux 55)"]
+        self.assertAlmostEqual(max(event["dur"] for event in events if event["tid"] == spinner
+                                   and event["name"] == "running"), 50_000, delta=5000)
+        start, end = [next(event for event in events if event["ph"] == ph) for ph in "sf"]
+        self.assertEqual(start["id"], end["id"])
+        self.assertLessEqual(start["ts"], end["ts"])
+        self.assertEqual([start["tid"], end["tid"]],
+                         [names["InterruptThread (application 38, Linux 48)"],
+                          names["KCall (application 36, Linux 46)"]])
+        # Slices of a track nest, or a viewer drops them.
+        tracks = {}
+        for event in events:
+            if event["ph"] == "X":
+                tracks.setdefault((event["pid"], event["tid"]), []).append(event)
+        for track in tracks.values():
+            ends = []
+            for event in sorted(track, key=lambda event: (event["ts"], -event["dur"])):
+                while ends and ends[-1] <= event["ts"] + 0.0005:
+                    ends.pop()
+                self.assertTrue(not ends or event["ts"] + event["dur"] <= ends[-1] + 0.0005, event)
+                ends.append(event["ts"] + event["dur"])
+
+    @unittest.skipUnless(shutil.which("chromium"), "Skipped: needs chromium")
+    def test_page_in_a_browser(self):
+        page = self.directory.name + "/late.html"
+        self.reader("export", "--html", "-o", page)
+        self.assertEqual(re.findall(r'(?:src|href)="(?!#)|@import|url\(', read(page)), [])
+        dom = self.browse("--dump-dom", "file://" + page + "#tick-1").decode()
+        mark = re.search(r'<a [^>]*id="tick-1"([^>]*)>.*?<rect[^>]* width="([\d.]+)"', dom)
+        self.assertNotIn("display", mark[1])
+        self.assertAlmostEqual(float(mark[2]), 900 / 1.6, delta=2)  # chosen, it fills the view
+        self.assertIn('href="#tick-1"', dom)
+        for scheme, paper in ((0, (20, 24, 29)), (1, (255, 255, 255))):
+            picture = self.directory.name + "/page.png"
+            self.browse(f"--blink-settings=preferredColorScheme={scheme}",
+                        "--screenshot=" + picture, "file://" + page)
+            with open(picture, "rb") as file:
+                data = zlib.decompress(b"".join(
+                    chunk for kind, chunk in chunks(file.read()) if kind == b"IDAT"))
+            self.assertEqual(tuple(data[1:4]), paper)
+
+    def browse(self, *arguments):
+        with tempfile.TemporaryDirectory() as profile:
+            return subprocess.run(
+                ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+                 "--no-first-run", "--disable-background-networking", "--disable-component-update",
+                 "--disable-sync", "--user-data-dir=" + profile, *arguments],
+                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout
 
     def test_record_ends_in_any_way(self):
         """Memory is bounded; asked to end, the file is whole; whatever ends it, nothing stays."""

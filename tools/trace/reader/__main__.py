@@ -5,6 +5,9 @@ import os
 import signal
 import sys
 
+from chrome import trace_events
+from page import page
+from picture import cases_by_name, picture_of
 from recording import NotARecording, Recording
 from text import Report, as_json, text
 from timeline import Timeline
@@ -17,7 +20,36 @@ def arguments():
     report.add_argument("--json", action="store_true")
     report.add_argument("--latest", type=int, default=5, metavar="N", help="cases of each kind (5)")
     report.add_argument("file")
+    export = commands.add_parser("export", help="for a viewer: trace-event JSON, or a page")
+    form = export.add_mutually_exclusive_group()
+    form.add_argument("--html", action="store_true", help="one page that needs nothing else")
+    form.add_argument("--svg", metavar="CASE", help="a picture of one case of the page: tick-1")
+    export.add_argument("--latest", type=int, default=5, metavar="N", help="cases of each kind (5)")
+    export.add_argument("-o", dest="output", metavar="OUTPUT", help="(standard output)")
+    export.add_argument("file")
     return parser.parse_args()
+
+
+def export_as(options, report):
+    if options.html:
+        return "\n".join(page(report)) + "\n"
+    if options.svg is None:
+        return trace_events(report.recording, report.timeline) + "\n"
+    if options.svg not in cases_by_name(report):
+        sys.exit(f"zelkernel-trace: {options.file} has no {options.svg}: "
+                 f"{', '.join(cases_by_name(report))}")
+    return picture_of(report, options.svg)
+
+
+def write(output, content):
+    if output is None:
+        sys.stdout.write(content)
+        return
+    try:
+        with open(output, "w", encoding="utf-8") as file:
+            file.write(content)
+    except OSError as error:
+        sys.exit(f"zelkernel-trace: {output}: {error.strerror}")
 
 
 def main():
@@ -29,7 +61,10 @@ def main():
         sys.exit(f"zelkernel-trace: {options.file}: {reason}")
     timeline = Timeline(recording)
     report = Report(recording, timeline, options.latest)
-    print(as_json(report) if options.json else "\n".join(text(report)))
+    if options.command == "export":
+        write(options.output, export_as(options, report))
+    else:
+        print(as_json(report) if options.json else "\n".join(text(report)))
 
 
 if __name__ == "__main__":

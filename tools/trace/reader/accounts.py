@@ -12,7 +12,8 @@ Case = namedtuple("Case", "kind name tid start end")
 Cause = namedtuple("Cause", "kind tid doing lock")
 
 DOING = {"poller": "poller", "call": "kernel call {}", "service": "service routine of {}",
-         "deferred": "deferred routine {}", "command": "command {}"}
+         "deferred": "deferred routine {}", "command": "command {}",
+         "lock": "taking lock {}"}
 DEEPEST = 4  # owners of locks that wait for locks
 
 

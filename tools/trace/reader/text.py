@@ -40,6 +40,17 @@ class Report:
         self.cases = cases(timeline, number)
         self.number = number
 
+    def described(self, case):
+        """The account as (ns, text); what hardly counts is one part."""
+        parts = self.accountant.account(case)
+        least = max(1000, (case.end - case.start) / 200)
+        shown = {cause: time for cause, time in parts.items() if time >= least}
+        for cause, time in shown.items():
+            yield time, describe_cause(self.timeline, cause)
+        rest = sum(parts.values()) - sum(shown.values())
+        if rest >= 500:
+            yield rest, f"{len(parts) - len(shown)} shorter part" + "s" * (len(parts) > len(shown) + 1)
+
     def of_threads(self):
         """(tid, ns run, number of runs, longest run, longest wait while runnable)."""
         rows = []
@@ -92,14 +103,8 @@ def account(report, number, case):
     at = (case.start - timeline.begin) / 1e9
     what = case.name if case.kind == "interrupt" else f"{timeline.label(case.tid)} {case.name}"
     yield line(f"#{number}  {us(case.end - case.start)} late, due at {at:.6f} s: {what}", 2, 4)
-    parts = report.accountant.account(case)
-    least = max(1000, (case.end - case.start) / 200)
-    shown = {cause: time for cause, time in parts.items() if time >= least}
-    for cause, time in shown.items():
-        yield line(f"{us(time):>9}  {describe_cause(timeline, cause)}", 2, 11)
-    rest = sum(parts.values()) - sum(shown.values())
-    if rest >= 500:
-        yield line(f"{us(rest):>9}  {len(parts) - len(shown)} shorter parts", 2, 11)
+    for time, description in report.described(case):
+        yield line(f"{us(time):>9}  {description}", 2, 11)
 
 
 def table(title, columns, rows):
@@ -123,6 +128,11 @@ def text(report):
         yield f"{TITLES[kind]}: the latest {len(latest)} of {count}"
         for number, case in enumerate(latest, 1):
             yield from account(report, number, case)
+    yield from tables(report)
+
+
+def tables(report):
+    timeline = report.timeline
     yield from table("Threads", ("name", "run", "runs", "longest", "waited"),
                      [(timeline.label(tid), us(run), runs, us(longest), us(waited))
                       for tid, run, runs, longest, waited in report.of_threads()])

@@ -107,9 +107,12 @@ class Timeline:
         return "" if address is None else self.recording.name_of(address)
 
     def take_lock(self, event, how):
+        activities = self.activities[event.tid]
         if how == "wait":
             self._waits[event.tid] = event
+            activities.begin(event.time, "lock", self.recording.name_of(event.fields.get("mutex", 0)))
             return
+        activities.end(event.time, "lock")
         wait = self._waits.pop(event.tid, None)
         if wait is not None:
             name = self.recording.name_of(wait.fields.get("mutex", 0))
@@ -227,6 +230,9 @@ class Timeline:
 
     def name(self, tid):
         return self.threads[tid].name if tid in self.threads else f"thread {tid}"
+
+    def linux_priority(self, tid):
+        return self.threads[tid].linux if tid in self.threads else 0
 
     def label(self, tid):
         """Name and priorities."""

@@ -1,0 +1,134 @@
+"use strict";
+// Moves the bars of the picture: in numbers of double precision, so that a microsecond of a long
+// recording stays one.
+const svg = document.getElementById("timeline");
+const left = 300, width = 1200 - left;
+const span = element => ({
+  element, t: Number(element.dataset.t), d: Number(element.dataset.d)});
+const whole = span(svg);
+const tracks = [...svg.querySelectorAll(".track")].map(track => {
+  const bars = [...track.children].map(span);
+  // A bar reaches into view from no farther than the longest one does.
+  const longest = bars.reduce((most, bar) => Math.max(most, bar.d), 0);
+  return {bars, longest, shown: bars};
+});
+const marks = [...svg.querySelectorAll(".mark")].map(span);
+let view = {t: whole.t, d: whole.d};
+
+const x = t => left + (t - view.t) / view.d * width;
+
+function place(element, t, d, least) {
+  const from = Math.max(left, x(t)), to = Math.min(left + width, x(t + d));
+  element.setAttribute("x", from);
+  element.setAttribute("width", Math.max(to - from, least));
+}
+
+function first(bars, t) {
+  let low = 0, high = bars.length;
+  while (low < high) {
+    const middle = (low + high) >> 1;
+    if (bars[middle].t < t) low = middle + 1; else high = middle;
+  }
+  return low;
+}
+
+function drawTrack(track) {
+  for (const bar of track.shown) bar.element.style.display = "none";
+  track.shown = [];
+  const end = view.t + view.d;
+  for (let i = first(track.bars, view.t - track.longest); i < track.bars.length; ++i) {
+    const bar = track.bars[i];
+    if (bar.t > end) break;
+    if (bar.t + bar.d < view.t) continue;
+    bar.element.style.display = "";
+    place(bar.element, bar.t, bar.d, 0.5);
+    track.shown.push(bar);
+  }
+}
+
+function drawMark(mark) {
+  const visible = mark.t <= view.t + view.d && mark.t + mark.d >= view.t;
+  mark.element.style.display = visible ? "" : "none";
+  place(mark.element.querySelector("rect"), mark.t, mark.d, 1);
+  mark.element.querySelector("text").setAttribute("x", Math.max(left, x(mark.t)) + 2);
+}
+
+function add(parent, name, attributes, text) {
+  const element = document.createElementNS(svg.namespaceURI, name);
+  for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
+  element.textContent = text || "";
+  parent.append(element);
+}
+
+function drawAxis() {
+  const axis = document.getElementById("axis");
+  axis.replaceChildren();
+  const least = view.d / 8;
+  const power = 10 ** Math.floor(Math.log10(least));
+  const step = power * [1, 2, 5, 10].find(factor => factor * power >= least);
+  for (let t = Math.ceil(view.t / step) * step; t <= view.t + view.d; t += step) {
+    add(axis, "path", {class: "axis", d: `M${x(t)} 16V${svg.viewBox.baseVal.height}`});
+    const text = `${Number((t / 1000).toFixed(4))} ms`;
+    add(axis, "text", {x: x(t), y: 12, "text-anchor": "middle"}, text);
+  }
+}
+
+let asked = false;
+function show(t, d) {
+  const length = Math.min(Math.max(d, 1), whole.d);
+  view = {t: Math.min(Math.max(t, whole.t), whole.t + whole.d - length), d: length};
+  if (asked) return;
+  asked = true;
+  requestAnimationFrame(() => {
+    asked = false;
+    draw();
+  });
+}
+function draw() {
+  tracks.forEach(drawTrack);
+  marks.forEach(drawMark);
+  drawAxis();
+}
+
+function zoom(factor, at = view.t + view.d / 2) {
+  const length = Math.min(Math.max(view.d * factor, 1), whole.d);
+  show(at - (at - view.t) * length / view.d, length);
+}
+
+const timeAt = event => {
+  const box = svg.getBoundingClientRect();
+  return view.t + ((event.clientX - box.left) / box.width * 1200 - left) / width * view.d;
+};
+svg.addEventListener("wheel", event => {
+  event.preventDefault();
+  zoom(1.002 ** event.deltaY, timeAt(event));
+}, {passive: false});
+let grip = null;
+svg.addEventListener("pointerdown", event => { grip = {x: event.clientX, t: view.t}; });
+addEventListener("pointerup", () => { grip = null; });
+addEventListener("pointermove", event => {
+  if (grip === null) return;
+  const scale = view.d / width * 1200 / svg.getBoundingClientRect().width;
+  show(grip.t - (event.clientX - grip.x) * scale, view.d);
+});
+const keys = {
+  "+": () => zoom(0.5), "-": () => zoom(2), "0": () => show(whole.t, whole.d),
+  ArrowLeft: () => show(view.t - view.d / 5, view.d),
+  ArrowRight: () => show(view.t + view.d / 5, view.d)};
+addEventListener("keydown", event => {
+  if (event.key in keys && !event.ctrlKey && !event.metaKey) keys[event.key]();
+});
+for (const button of document.querySelectorAll("button"))
+  button.addEventListener("click", keys[button.value]);
+
+// A row of the table leads to its mark, and to its time.
+function follow() {
+  const mark = marks.find(({element}) => "#" + element.id === location.hash);
+  for (const {element} of marks) element.classList.toggle("chosen", element === mark?.element);
+  if (!mark) return;
+  show(mark.t - mark.d * 0.3, mark.d * 1.6);
+  svg.scrollIntoView({block: "center"});
+}
+addEventListener("hashchange", follow);
+draw();
+follow();
