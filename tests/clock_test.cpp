@@ -51,11 +51,7 @@ TEST(Sleep, AsksForItsTimeAndGoesOnWithWhatRemained) {
 }
 
 TEST(Sleep, UnderARainOfSignalsLastsItsFullTime) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr);
-    const itimerval often{{0, 1000}, {0, 1000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
+    zel::test::interrupt_calls();
     timespec start, end;
     clock_gettime(CLOCK_MONOTONIC, &start);
     EXPECT_EQ(__wrap_usleep(100'000), 0);

@@ -27,19 +27,6 @@ using namespace zel::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// How a child that ran `action` ended; 0 when it came to its end.
-template<typename Action>
-int status_of_child(Action action) {
-    const pid_t child = fork();
-    if (child == 0) {
-        action();
-        _exit(0);
-    }
-    int status = -1;
-    EXPECT_TRUE(eventually([&] { return waitpid(child, &status, WNOHANG) == child; }));
-    return status;
-}
-
 // --- Start-up
 
 std::atomic<int> polls{0};

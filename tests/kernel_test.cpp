@@ -199,11 +199,7 @@ void run_commands(std::initializer_list<Command> commands) {
 }
 
 TEST(RunCommand, CapturesWhatFitsAndReturnsTheStatus) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr); // interrupts reads and waits
-    const itimerval often{{0, 3000}, {0, 3000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
+    interrupt_calls();
     interposed::pclose = [](FILE* stream) {
         EXPECT_EQ(fcntl(fileno(stream), F_GETFD), FD_CLOEXEC);
         return real::pclose(stream);
@@ -214,7 +210,8 @@ TEST(RunCommand, CapturesWhatFitsAndReturnsTheStatus) {
                   {"exit 3", 1, "", 768},
                   {"exit 2", 256, "", 512},
                   {"true", 256, "", 0},
-                  {"kill -9 $$", 256, "", 9},
+                  {"printf 'a\\0b'; kill -9 $$", 256, "a", 9},
+                  {"exec 1>&-; sleep 0.1; exit 4", 256, "", 1024},
                   {"echo a; sleep 0.1; echo b; sleep 0.1", 256, "a\nb\n", 0},
                   {"echo no 2>/dev/null >&2", 256, "", 0},
                   {"exec yes", 5, "y\ny\n", SIGPIPE}});
@@ -284,20 +281,16 @@ TEST(Exit, EndsTheProcessAtAnyMomentWithAllThreadsRunning) {
         GTEST_SKIP() << "the emulator's own locks know no priorities";
     const int rounds = under_thread_sanitizer ? 6 : 60; // it sleeps a second at each exit
     for (int i = 0; i < rounds; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
+        const int status = status_of_child([i] {
             dup2(open("/dev/null", O_WRONLY), 1);
-            alarm(20); // nothing may be left behind
             hold_up_the_end();
             start_everything();
             usleep(static_cast<useconds_t>(i * 9000 / rounds));
             if (i % 2 == 0)
                 std::exit(7);
             on_kernel_thread([] { std::exit(7); });
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status << ", round " << i;
+        });
+        ASSERT_EQ(status, 7 << 8) << "round " << i;
     }
 }
 

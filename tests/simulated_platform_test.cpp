@@ -1,3 +1,5 @@
+#include "support/wait.hpp"
+
 #include <zelkernel/interrupt_pulse.h>
 #include <zelkernel/simulated_platform.h>
 
@@ -91,10 +93,7 @@ TEST_F(SimulatedPlatform, ReportsWhatItRefusesAndAnInterruptedWait) {
         EXPECT_EQ(call(99), -1);
         EXPECT_EQ(errno, ENXIO);
     }
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr);
-    ualarm(10000, 10000); // again and again: the first may come before the wait
+    zel::test::interrupt_calls();
     EXPECT_EQ(waitForLinuxInterruptPulse(fd), nullptr);
 }
 

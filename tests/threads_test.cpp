@@ -432,11 +432,7 @@ TEST(Affinity, IsReadBackAsBitsOnceTheCountIsKnown) {
 }
 
 TEST(Affinity, CountIsTheLastLinePrintedAndAtLeastOne) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr); // interrupts reads
-    const itimerval often{{0, 2000}, {0, 2000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
+    interrupt_calls();
     for (const auto& [command, expected] :
          {std::pair{"sleep 0.1; printf '3\n6\n'", 6}, {"true", 1}, {"echo 0", 1}, {"echo x", 1}}) {
         num_processors = 0;
