@@ -2,6 +2,8 @@
 
 #include <zelkernel/simulated_platform.h>
 
+#include <optional>
+
 ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), )
 ZEL_INTERPOSE(int, pthread_create,
               (pthread_t * id, const pthread_attr_t* attr, void* (*start)(void*), void* arg),
@@ -32,25 +34,16 @@ TEST(KernelState, IsThatOfNoKernelBeforeStartUp) {
     EXPECT_EQ(zel_get_interrupt_mgr(), nullptr);
 }
 
-struct StartUpCase {
-    int fifo; // the caller's priority; 0: time sharing
-    const char* debugger;
-    int expected; // the caller's priority afterwards
-};
-
-void PrintTo(const StartUpCase& c, std::ostream* out) {
-    *out << "priority " << c.fifo << " DEBUGGER [" << (c.debugger ? c.debugger : "") << "]";
-}
-
-struct StartUp : testing::TestWithParam<StartUpCase> {};
+// The caller's priority (0: time sharing), DEBUGGER, and the caller's priority afterwards.
+struct StartUp : testing::TestWithParam<std::tuple<int, std::optional<std::string>, int>> {};
 
 TEST_P(StartUp, RunsItsSteps) {
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
-    const StartUpCase& c = GetParam();
+    const auto [fifo, debugger, priority] = GetParam();
     std::ofstream("/run/netns/left_over");
-    ASSERT_TRUE(c.fifo == 0 || become_fifo(c.fifo));
-    if (c.debugger != nullptr)
-        setenv("DEBUGGER", c.debugger, 1);
+    ASSERT_TRUE(fifo == 0 || become_fifo(fifo));
+    if (debugger)
+        setenv("DEBUGGER", debugger->c_str(), 1);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM); // is unblocked nevertheless
@@ -73,10 +66,10 @@ TEST_P(StartUp, RunsItsSteps) {
     }
     clock_gettime(CLOCK_MONOTONIC, &after);
 
-    const int base = 10 + c.expected;
+    const int base = 10 + priority;
     const ThreadInfo self = thread_info(gettid());
     EXPECT_EQ(self.policy, SCHED_FIFO);
-    EXPECT_EQ(self.priority, c.expected);
+    EXPECT_EQ(self.priority, priority);
     EXPECT_FALSE(self.blocks(SIGTERM) || self.blocks(SIGHUP));
     EXPECT_TRUE(self.blocks(SIGUSR1));
     KernelPriorities expected = table;
@@ -117,10 +110,11 @@ TEST_P(StartUp, RunsItsSteps) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Callers, StartUp,
-                         testing::Values(StartUpCase{0, nullptr, 1}, StartUpCase{40, nullptr, 40},
-                                         StartUpCase{40, "TRUE", 1}, StartUpCase{0, "TRUE", 1},
-                                         StartUpCase{40, "true", 40}, StartUpCase{40, "TRUE ", 40},
-                                         StartUpCase{40, "", 40}));
+                         testing::Values(std::tuple{0, std::nullopt, 1},
+                                         std::tuple{40, std::nullopt, 40},
+                                         std::tuple{40, "TRUE", 1}, std::tuple{0, "TRUE", 1},
+                                         std::tuple{40, "true", 40}, std::tuple{40, "TRUE ", 40},
+                                         std::tuple{40, "", 40}));
 
 TEST(Fatal, WritesOneLineAndAborts) {
     std::fprintf(stderr, "In use from here on.\n");

@@ -93,9 +93,9 @@ TEST(Cancellation, WithinACommandLeavesNoLockDescriptorOrProcess) {
     }
 }
 
-// Released from many threads while the kernel-call thread runs them: a routine runs or its entry in
-// the queue has become Empty, never both and never neither.
-TEST(Release, OfDeferredRoutinesThatRunCancelsEachOrLetsItRun) {
+// Queued and cancelled from many threads while the kernel-call thread runs them: a call runs or its
+// entry in the queue has become Empty, never both and never neither.
+TEST(KernelCalls, OfManyThreadsRunOnceOrAreCancelled) {
     // A thread that spins there keeps the one it waits for, of lower priority, from running.
     if (under_thread_sanitizer)
         GTEST_SKIP() << "the sanitizer's own locks spin and know no SCHED_FIFO priorities";
@@ -125,6 +125,8 @@ TEST(Release, OfDeferredRoutinesThatRunCancelsEachOrLetsItRun) {
                     controller->defer(&own[i]);
                     if (i % 4 == 0)
                         controller->release(&own[i]);
+                    if (round % 2 == 0 && i % 10 == 0)
+                        ticks.signal();
                 }
                 // In a full queue a release takes long: the tick falls into one. (A spinning
                 // barrier would keep the emulator busy for most of its time.)
@@ -139,6 +141,7 @@ TEST(Release, OfDeferredRoutinesThatRunCancelsEachOrLetsItRun) {
         for (KernelThread& user : users)
             user.join();
         ASSERT_TRUE(ticks.tick());
+        ASSERT_EQ(KCallIn, &KCallList[threads * each]);
         for (size_t entry = 1; entry <= threads * each; ++entry) {
             const KernelCall& call = KCallList[entry];
             const bool is_released = call.function == reinterpret_cast<zel_word_t>(&Empty);

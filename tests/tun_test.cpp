@@ -1,4 +1,3 @@
-#include "support/allocation_failure.hpp"
 #include "support/commands.hpp"
 #include "support/test.hpp"
 
@@ -189,40 +188,6 @@ TEST_F(Tun, ReportsAFailedCreationAndLeavesNothingBehind) {
     expect_failure("Descriptor 1024 is too large for tun4_4\r\n");
     for (int fd = FD_SETSIZE - 20; fd < FD_SETSIZE; ++fd)
         close(fd);
-}
-
-TEST_F(Tun, ReportsALackOfMemoryAndIsAsItWas) {
-    SKIP_IF_ALLOCATIONS_CANNOT_FAIL();
-    // The commands do nothing and fail nothing; TUNSETIFF makes the device.
-    interposed::popen = [](const char*, const char* mode) {
-        const int saved = std::exchange(allocation_to_fail, 0);
-        FILE* stream = real::popen(":", mode);
-        setvbuf(stream, nullptr, _IONBF, 0);
-        allocation_to_fail = saved;
-        return stream;
-    };
-    zel_tun_init();
-    static const char* const name = "an instance with a long name";
-    const std::pair<void (*)(), std::string> operations[] = {
-        {[] { zel_vrf_create(text, size, name); }, "Out of memory.\r\n"},
-        {[] { zel_external_traffic_match_criteria_add(text, size, 17, 65535, 1); },
-         "Out of memory.\r\n"},
-        {[] { zel_tun_ipv4_create(text, size, name, 3); }, "Out of memory.\r\n"},
-        {[] { zel_external_traffic_match_criteria_del(text, size, 17, 65535, 1); },
-         "Out of memory.\r\n"},
-        {[] { zel_tun_ipv4_destroy(text, 0, name, 3); }, ""},
-        {[] { zel_vrf_destroy(text, size, name); }, "Out of memory.\r\n"},
-    };
-    for (const auto& [run, report] : operations) {
-        const auto before = open_files();
-        const auto check = [&, report = report] {
-            EXPECT_EQ(text, report);
-            EXPECT_EQ(open_files(), before);
-        };
-        EXPECT_GT(fail_each_allocation(run, check), 0);
-    }
-    allocation_to_fail = 1;
-    EXPECT_EQ(printed_on(2, start_receive_thread), "zel_tun_packet_init: Cannot allocate memory\n");
 }
 
 } // namespace
