@@ -6,10 +6,8 @@
 # Components: runtime (the library), development, and tools (tools/CMakeLists.txt).
 option(ZELKERNEL_INSTALL_MULTIARCH
        "Install libraries into Debian's multiarch directory, whatever the prefix" OFF)
-if(ZELKERNEL_INSTALL_MULTIARCH)
-  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-multiarch COMMAND_ERROR_IS_FATAL ANY
-                  OUTPUT_VARIABLE multiarch OUTPUT_STRIP_TRAILING_WHITESPACE)
-  set(CMAKE_INSTALL_LIBDIR "lib/${multiarch}")
+if(ZELKERNEL_INSTALL_MULTIARCH AND CMAKE_LIBRARY_ARCHITECTURE)
+  set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}")
 endif()
 set(ZEL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/zelkernel")
 set(ZEL_GENERATED_DIR "${PROJECT_BINARY_DIR}/installed")
