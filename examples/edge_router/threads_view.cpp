@@ -81,7 +81,9 @@ void print(const Thread& thread) {
 // Linux keeps 15 characters of a name, and the wrapped call that sets it marks a longer one.
 std::vector<Expected> expected_threads() {
     const KernelPriorities& table = kernel_priorities;
-    const auto kernel_priority = [&table](int word) { return word + table.linux_base_priority; };
+    const auto kernel_priority = [](int word) {
+        return word + kernel_priorities.linux_base_priority;
+    };
     std::vector<Expected> expected{
         {"KCall", kernel_priority(table.kcall_thread_priority), Processors::all},
         {"InterruptThread", kernel_priority(table.interrupt_thread_priority), Processors::all}};

@@ -21,7 +21,7 @@ void TunDescriptor::adopt(int number, int family, int index) {
     number_ = number;
     keep_open_ = false;
     ip_version_ = family == AF_INET ? 4 : 6;
-    counters_ = claim_device_counters(ip_version_, index, uncounted);
+    counters_ = claim_device_counters(static_cast<std::uint32_t>(ip_version_), index, uncounted);
     index_.store(index, std::memory_order_relaxed);
     mtu_.store(default_mtu, std::memory_order_relaxed);
     references_.store(1, std::memory_order_release);
