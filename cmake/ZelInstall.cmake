@@ -2,6 +2,8 @@
 #   find_package(zelkernel)                 zelkernel::zelkernel (zelkernel::unwrapped: without)
 #   pkg-config --libs zelkernel             (zelkernel-unwrapped: without)
 #   -Wl,@DATADIR/zelkernel/zelkernel.wrap   the linker's response file, for plain makefiles
+# and a C++ application that opts in, by zelkernel::cxx, zelkernel-cxx, or zelkernel-cxx.wrap with
+# -lzelkernel-cxx -lzelkernel beside the other;
 # and the installed tree works from wherever it is moved to.
 # Components: runtime (the library), development, and tools (tools/CMakeLists.txt).
 option(ZELKERNEL_INSTALL_MULTIARCH
@@ -13,7 +15,8 @@ set(ZEL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/zelkernel")
 set(ZEL_GENERATED_DIR "${PROJECT_BINARY_DIR}/installed")
 
 # Libraries and headers.
-install(TARGETS zelkernel_shared zelkernel_wrapped EXPORT zelkernel
+install(TARGETS zelkernel_shared zelkernel_wrapped zelkernel_cxx EXPORT zelkernel
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 if(TARGET zelkernel_simulated)
@@ -51,7 +54,10 @@ install(FILES "${ZEL_GENERATED_DIR}/zelkernel-config.cmake"
 list(TRANSFORM ZEL_WRAPPED_FUNCTIONS PREPEND "--wrap=" OUTPUT_VARIABLE lines)
 list(JOIN lines "\n" lines)
 file(CONFIGURE OUTPUT "${ZEL_GENERATED_DIR}/zelkernel.wrap" CONTENT "${lines}\n")
-install(FILES "${ZEL_GENERATED_DIR}/zelkernel.wrap"
+list(TRANSFORM ZEL_CXX_LINK_OPTIONS REPLACE "^-Wl," "" OUTPUT_VARIABLE lines)
+list(JOIN lines "\n" lines)
+file(CONFIGURE OUTPUT "${ZEL_GENERATED_DIR}/zelkernel-cxx.wrap" CONTENT "${lines}\n")
+install(FILES "${ZEL_GENERATED_DIR}/zelkernel.wrap" "${ZEL_GENERATED_DIR}/zelkernel-cxx.wrap"
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zelkernel COMPONENT development)
 
 # pkg-config files. They find their prefix from their own place, except below /usr: a system's tree
@@ -77,6 +83,9 @@ endfunction()
 list(JOIN ZEL_WRAP_OPTIONS " " wrap_options)
 zel_install_pc(zelkernel "${PROJECT_DESCRIPTION}" "${wrap_options} -lzelkernel")
 zel_install_pc(zelkernel-unwrapped "${PROJECT_DESCRIPTION} (no call is wrapped)" "-lzelkernel")
+list(JOIN ZEL_CXX_LINK_OPTIONS " " cxx_options)
+zel_install_pc(zelkernel-cxx "${PROJECT_DESCRIPTION} (std::thread included)"
+  "${cxx_options} -lzelkernel-cxx ${wrap_options} -lzelkernel")
 if(TARGET zelkernel_simulated)
   # Nothing refers to it strongly; see platform/simulated/CMakeLists.txt.
   zel_install_pc(zelkernel-simulated "Simulated interrupt controller for libzelkernel on a host"
