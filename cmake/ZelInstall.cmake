@@ -38,6 +38,9 @@ install(CODE [[set(sysconfdir "${CMAKE_INSTALL_PREFIX}/etc")
 install(CODE "file(INSTALL \"${PROJECT_SOURCE_DIR}/packaging/iproute2/zelkernel.conf\"
   DESTINATION \"\${sysconfdir}/iproute2/rt_tables.d\")" COMPONENT runtime)
 
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/systemd/zelkernel-app.service"
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+
 # The CMake package.
 include(CMakePackageConfigHelpers)
 install(EXPORT zelkernel NAMESPACE zelkernel:: FILE zelkernel-targets.cmake
