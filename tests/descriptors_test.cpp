@@ -76,21 +76,26 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
                 // Two of the three as senders do, one as the receive thread does.
                 const TunReference device = reader < 2 ? tables->tun_fds.acquire(index)
                                                        : tables->fd_map.acquire(3 + turn % 32);
-                EXPECT_TRUE(device || reader == 2 || index != lasting);
-                if (!device)
+                const bool is_right = device ? device->index() == index : index != lasting;
+                ASSERT_TRUE(is_right || reader == 2);
+                // A system call now and then only: the fewer, the more often a reader is
+                // interrupted where it matters.
+                if (!device || turn % 64 != 0)
                     continue;
                 int stands_for = -1;
                 EXPECT_EQ(pread(device->number(), &stands_for, sizeof stands_for, 0),
                           ssize_t{sizeof stands_for});
                 EXPECT_EQ(stands_for, device->index());
-                EXPECT_TRUE(reader == 2 || stands_for == index);
                 ++found;
             }
         });
     }
     readers.emplace_back([&] { // as a creation that fails, beside those that do not
-        while (!stop)
-            tables->fd_map.adopt(memfd_create("device", MFD_CLOEXEC), AF_INET, 99).reset();
+        while (!stop) {
+            const int number = memfd_create("device", MFD_CLOEXEC);
+            const TunReference made = tables->fd_map.adopt(number, AF_INET, 99);
+            ASSERT_EQ(fcntl(number, F_GETFD), FD_CLOEXEC) << "closed by another";
+        }
     });
     // By what the readers have seen and not by time alone: they may hardly run.
     for (int round = 0; round < 20'000 || found < 2'000; ++round) {

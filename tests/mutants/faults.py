@@ -42,6 +42,9 @@ clean_up = of("zel_tun/NamespaceCleanUp.cpp", "routing_test")
 text = of("zel_tun/OutputText.cpp", "routing_test", "texts_test")
 devices = of("zel_tun/TunDevices.cpp", "tun_test")
 receive = of("zel_tun/PacketReceive.cpp", "packets_test")
+packet_send = of("zel_tun/PacketSend.cpp", "packets_test")
+wait = of("zel_tun/ReceiveWait.cpp", "packets_test")
+descriptors = of("zel_tun/TunDescriptor.cpp", "descriptors_test")
 checksum = of("IpAccelerators.cpp", "checksum_test")
 wide = of("OnesComplementSumWide.hpp", "checksum_test")
 fold = of("OnesComplement.hpp", "checksum_test")
@@ -242,6 +245,24 @@ FAULTS = [
             "    forget_in_its_instance(-1);\n"),
     receive("a buffer is not given back when a read fails", "        callbacks_.free_buffer(handle);\n",
             "", "packets_test faults_test"),
+    packet_send("a send takes the lock of the configuration",
+                "    const TunReference device = tun_fds.acquire(index);\n",
+                "    pthread_mutex_lock(&state->fd_map_mutex);\n"
+                "    pthread_mutex_unlock(&state->fd_map_mutex);\n"
+                "    const TunReference device = tun_fds.acquire(index);\n"),
+    wait("the receive thread takes the lock of the configuration", "    generation_ = generation;\n",
+         "    generation_ = generation;\n    pthread_mutex_lock(&state->fd_map_mutex);\n"
+         "    pthread_mutex_unlock(&state->fd_map_mutex);\n"),
+    wait("the event set outlives its devices", "        drop_event_set();\n", "        ;\n"),
+    wait("a gone device stays in the event set", "        move_out_of_event_set(fd);\n    if (FD_ISSET",
+         "        ;\n    if (FD_ISSET"),
+    wait("an idle device is no longer waited for", "    FD_SET(fd, &in_event_set_);\n",
+         "    FD_SET(fd, &in_event_set_);\n    epoll_ctl(event_set_, EPOLL_CTL_DEL, fd, nullptr);\n"),
+    descriptors("a lookup does not look again", "return still_there ? std::move(found)",
+                "return still_there || true ? std::move(found)"),
+    descriptors("a reference is taken to what is gone", "while (count != 0) {", "for (;;) {"),
+    descriptors("a removed entry ends a lookup", "        if (entry == unused)\n            return {};",
+                "        if (entry <= removed)\n            return {};"),
 
     checksum("the initial value is not complemented", "zel::swapBytes(complement(initial))",
              "zel::swapBytes(initial)"),
