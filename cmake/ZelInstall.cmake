@@ -25,6 +25,8 @@ if(TARGET zelkernel_simulated)
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
   install(FILES "${PROJECT_SOURCE_DIR}/platform/simulated/include/zelkernel/simulated_platform.h"
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelkernel COMPONENT development)
+  export(EXPORT zelkernel-simulated NAMESPACE zelkernel::
+         FILE "${PROJECT_BINARY_DIR}/zelkernel-simulated-targets.cmake")
   install(EXPORT zelkernel-simulated NAMESPACE zelkernel:: FILE zelkernel-simulated-targets.cmake
     DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
 endif()
@@ -41,22 +43,26 @@ install(CODE "file(INSTALL \"${PROJECT_SOURCE_DIR}/packaging/iproute2/zelkernel.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/systemd/zelkernel-app.service"
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 
-# The CMake package.
+# The CMake package; the build tree is one, too (-Dzelkernel_DIR=BUILD).
 include(CMakePackageConfigHelpers)
+export(EXPORT zelkernel NAMESPACE zelkernel:: FILE "${PROJECT_BINARY_DIR}/zelkernel-targets.cmake")
 install(EXPORT zelkernel NAMESPACE zelkernel:: FILE zelkernel-targets.cmake
   DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
 configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/zelkernel-config.cmake.in"
-  "${ZEL_GENERATED_DIR}/zelkernel-config.cmake" INSTALL_DESTINATION ${ZEL_CMAKE_DIR})
-write_basic_package_version_file("${ZEL_GENERATED_DIR}/zelkernel-config-version.cmake"
+  "${PROJECT_BINARY_DIR}/zelkernel-config.cmake" INSTALL_DESTINATION ${ZEL_CMAKE_DIR})
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/zelkernel-config-version.cmake"
   COMPATIBILITY SameMajorVersion)
-install(FILES "${ZEL_GENERATED_DIR}/zelkernel-config.cmake"
-              "${ZEL_GENERATED_DIR}/zelkernel-config-version.cmake"
+install(FILES "${PROJECT_BINARY_DIR}/zelkernel-config.cmake"
+              "${PROJECT_BINARY_DIR}/zelkernel-config-version.cmake"
   DESTINATION ${ZEL_CMAKE_DIR} COMPONENT development)
 
 # The linker's response file.
-list(TRANSFORM ZEL_WRAPPED_FUNCTIONS PREPEND "--wrap=" OUTPUT_VARIABLE lines)
-list(JOIN lines "\n" lines)
-file(CONFIGURE OUTPUT "${ZEL_GENERATED_DIR}/zelkernel.wrap" CONTENT "${lines}\n")
+file(CONFIGURE OUTPUT "${ZEL_GENERATED_DIR}/zelkernel.wrap" CONTENT "${ZEL_WRAP_RESPONSE}
+--push-state
+--no-as-needed
+-lzelkernel
+--pop-state
+")
 list(TRANSFORM ZEL_CXX_LINK_OPTIONS REPLACE "^-Wl," "" OUTPUT_VARIABLE lines)
 list(JOIN lines "\n" lines)
 file(CONFIGURE OUTPUT "${ZEL_GENERATED_DIR}/zelkernel-cxx.wrap" CONTENT "${lines}\n")
@@ -84,13 +90,15 @@ function(zel_install_pc name summary libs)
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endfunction()
 list(JOIN ZEL_WRAP_OPTIONS " " wrap_options)
-zel_install_pc(zelkernel "${PROJECT_DESCRIPTION}" "${wrap_options} -lzelkernel")
+zel_keep_library(kept -lzelkernel)
+zel_install_pc(zelkernel "${PROJECT_DESCRIPTION}" "${wrap_options} ${kept} -lzelkernel")
 zel_install_pc(zelkernel-unwrapped "${PROJECT_DESCRIPTION} (no call is wrapped)" "-lzelkernel")
 list(JOIN ZEL_CXX_LINK_OPTIONS " " cxx_options)
 zel_install_pc(zelkernel-cxx "${PROJECT_DESCRIPTION} (std::thread included)"
-  "${cxx_options} -lzelkernel-cxx ${wrap_options} -lzelkernel")
+  "${cxx_options} -lzelkernel-cxx ${wrap_options} ${kept} -lzelkernel")
 if(TARGET zelkernel_simulated)
   # Nothing refers to it strongly; see platform/simulated/CMakeLists.txt.
+  zel_keep_library(kept -lzelkernel-simulated)
   zel_install_pc(zelkernel-simulated "Simulated interrupt controller for libzelkernel on a host"
-    "-Wl,--push-state,--no-as-needed,-lzelkernel-simulated,--pop-state")
+                 "${kept}")
 endif()

@@ -1,5 +1,6 @@
 # The one list of wrapped functions (cmake/wrapped_functions.txt) becomes ZEL_WRAP_OPTIONS, the
-# linker options with which an application is linked.
+# linker options with which an application is linked; as ZEL_WRAP_RESPONSE the linker's own, one a
+# line.
 include(CheckCXXSourceCompiles)
 
 # On 32-bit targets the system's time has two widths, which an application chooses from. (glibc has
@@ -21,4 +22,12 @@ if(NOT ZEL_TIME_HAS_TWO_WIDTHS)
   list(FILTER ZEL_WRAPPED_FUNCTIONS EXCLUDE REGEX " time64$")
 endif()
 list(TRANSFORM ZEL_WRAPPED_FUNCTIONS REPLACE " time64$" "")
-list(TRANSFORM ZEL_WRAPPED_FUNCTIONS PREPEND "-Wl,--wrap=" OUTPUT_VARIABLE ZEL_WRAP_OPTIONS)
+list(TRANSFORM ZEL_WRAPPED_FUNCTIONS PREPEND "--wrap=")
+list(JOIN ZEL_WRAPPED_FUNCTIONS "\n" ZEL_WRAP_RESPONSE)
+list(TRANSFORM ZEL_WRAPPED_FUNCTIONS PREPEND "-Wl," OUTPUT_VARIABLE ZEL_WRAP_OPTIONS)
+
+# zel_keep_library(RESULT LIBRARY): the option that links LIBRARY, a file or -lNAME, whether or not
+# it seems to be used.
+function(zel_keep_library result library)
+  set(${result} "-Wl,--push-state,--no-as-needed,${library},--pop-state" PARENT_SCOPE)
+endfunction()
