@@ -1,8 +1,9 @@
-// Memory from /proc/meminfo, and the kernel's uptime.
+// Memory from /proc/meminfo, the kernel's uptime, and the library's version.
 #include "CloseOnExec.hpp"
 #include "Uptime.hpp"
 
 #include <zelkernel/system.h>
+#include <zelkernel/version.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -73,4 +74,8 @@ int zel_get_uptime(timespec* ts) {
 
 int64_t zel_get_starttime_in_ns() {
     return starttimeInNs;
+}
+
+int zel_version() {
+    return ZEL_VERSION;
 }

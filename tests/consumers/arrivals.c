@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <zelkernel/kernel.h>
 #include <zelkernel/threads.h>
+#include <zelkernel/version.h>
 
 static sem_t started;
 static sem_t checked;
@@ -60,6 +61,8 @@ static void read_clock(void) {
 }
 
 int main(void) {
+    if (zel_version() != ZEL_VERSION)
+        return 1;
     sem_init(&started, 0, 0);
     sem_init(&checked, 0, 0);
     pthread_attr_t attr;
