@@ -145,8 +145,10 @@ class Trace(unittest.TestCase):
                 self.assertTrue(not ends or event["ts"] + event["dur"] <= ends[-1] + 0.0005, event)
                 ends.append(event["ts"] + event["dur"])
 
-    @unittest.skipUnless(shutil.which("chromium"), "Skipped: needs chromium")
     def test_page_in_a_browser(self):
+        if not shutil.which("chromium"):
+            print("\ntest_page_in_a_browser: Skipped\nneeds chromium: scripts/install-packages browser")
+            self.skipTest("no chromium")
         page = self.directory.name + "/late.html"
         self.reader("export", "--html", "-o", page)
         self.assertEqual(re.findall(r'(?:src|href)="(?!#)|@import|url\(', read(page)), [])

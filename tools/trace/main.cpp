@@ -146,6 +146,15 @@ public:
         gate_ = ends[1];
     }
     pid_t process() const { return child_; }
+    bool ends() {
+        if (!has_ended_ && waitpid(child_, &status_, WNOHANG) == child_)
+            has_ended_ = true;
+        return has_ended_;
+    }
+    // As a shell tells it; 0 while it runs.
+    int status() const {
+        return WIFSIGNALED(status_) ? 128 + WTERMSIG(status_) : WEXITSTATUS(status_);
+    }
     void release() const {
         [[maybe_unused]] const ssize_t written = write(gate_, "", 1);
         close(gate_);
@@ -154,6 +163,8 @@ public:
 private:
     pid_t child_;
     int gate_;
+    bool has_ended_ = false;
+    int status_ = 0;
 };
 
 double seconds_now() {
@@ -165,15 +176,14 @@ double seconds_now() {
 // Until the time is over, the process has ended or somebody asks to stop; `facts` follows the
 // process as long as it can be read.
 template<typename Look>
-void wait_for_end(const Options& options, const sigset_t& signals, Look look) {
+void wait_for_end(const Options& options, const sigset_t& signals, Command* command, Look look) {
     const double end = seconds_now() + options.seconds;
     constexpr timespec moment{0, 100'000'000};
     while (seconds_now() < end) {
         const int signal = sigtimedwait(&signals, nullptr, &moment);
         if (signal == SIGINT || signal == SIGTERM || signal == SIGHUP)
             return;
-        waitpid(-1, nullptr, WNOHANG);
-        if (has_ended(options.process))
+        if (command != nullptr ? command->ends() : has_ended(options.process))
             return;
         look();
     }
@@ -210,7 +220,7 @@ void enable_events(Instance& instance, const std::string& library, const ProbedF
 
 // Records until the end; gives what the file is to have beside the events.
 std::string record_with(Instance& instance, const Options& options, Library library,
-                        const ProbedFile& file, const sigset_t& signals, const Command* command) {
+                        const ProbedFile& file, const sigset_t& signals, Command* command) {
     const Prices prices = try_prices(instance);
     instance.start();
     const double begin = seconds_now(), own = own_seconds();
@@ -222,7 +232,7 @@ std::string record_with(Instance& instance, const Options& options, Library libr
 
     std::string facts;
     std::map<std::string, std::string> symbols; // by file: each is read once, while it is there
-    wait_for_end(options, signals, [&] {
+    wait_for_end(options, signals, command, [&] {
         if (library.base == 0)
             library.base = base_of(options.process, library.path);
         const std::string latest = describe(options.process, library, file.priorities);
@@ -289,7 +299,7 @@ int record(Options options) {
         return failed;
     }
     std::printf("zelkernel-trace: see `zelkernel-trace report %s`\n", options.file.c_str());
-    return ok;
+    return command ? command->status() : ok;
 }
 
 // Does not return, unless there is no Python.

@@ -96,16 +96,16 @@ class Accountant:
             lock = lock or (held.name, held.owner)
             yield from self.walk(held.owner, start, end, lock, depth + 1)
             return
-        expiry = self.timeline.wake_before(tid, end)[1]
-        if lock is None and expiry is not None and expiry.due <= start < expiry.entry:
-            late = min(end, expiry.entry)
-            yield Cause("timer", None, "", None), late - start
-            start = late
-        if end > start:
-            if lock is None and expiry is not None and start >= expiry.entry:
-                yield Cause("interrupt", None, "timer interrupt", None), end - start
-            else:
-                yield Cause("asleep", tid, "", lock), end - start
+        woken, expiry = self.timeline.wake_before(tid, end)
+        if expiry is None or woken < start:
+            yield Cause("asleep", tid, "", lock), end - start
+            return
+        for cause, until in ((Cause("asleep", tid, "", lock), expiry.due),
+                             (Cause("timer", None, "", lock), expiry.entry),
+                             (Cause("interrupt", None, "timer interrupt", lock), end)):
+            if min(until, end) > start:
+                yield cause, min(until, end) - start
+                start = min(until, end)
 
 
 def ticks(timeline):

@@ -45,11 +45,13 @@ class Report:
         parts = self.accountant.account(case)
         least = max(1000, (case.end - case.start) / 200)
         shown = {cause: time for cause, time in parts.items() if time >= least}
+        if len(parts) == len(shown) + 1:
+            shown = parts
         for cause, time in shown.items():
             yield time, describe_cause(self.timeline, cause)
         rest = sum(parts.values()) - sum(shown.values())
         if rest >= 500:
-            yield rest, f"{len(parts) - len(shown)} shorter part" + "s" * (len(parts) > len(shown) + 1)
+            yield rest, f"{len(parts) - len(shown)} shorter parts"
 
     def of_threads(self):
         """(tid, ns run, number of runs, longest run, longest wait while runnable)."""
@@ -94,6 +96,9 @@ def head(report):
                f"{recording.processors} processors, {recording.lost} lost. Times are in us.")
     if recording.cost:
         yield line("Recording cost " + recording.cost + ".")
+    if timeline.inferred:
+        yield line(f"{timeline.inferred} switches between threads that the kernel did not record are "
+                   "inferred.")
     for lack in recording.lacks:
         yield line("missing " + lack, hang=2)
 

@@ -61,7 +61,7 @@ class Timeline:
         self.own = set(recording.threads)
         self.states, self.processors = defaultdict(list), defaultdict(list)
         self.activities, self.interrupts = defaultdict(Activities), defaultdict(Activities)
-        self.spans, self.marks = [], []
+        self.spans, self.marks, self.inferred = [], [], 0
         self.locks, self.wakes = defaultdict(list), defaultdict(list)
         self.tick_timer = None
         self.expiries = defaultdict(list)
@@ -73,7 +73,22 @@ class Timeline:
             self.take(event)
         self.finish()
 
+    def notice(self, event):
+        """Now and then a kernel leaves out a switch; whose event it is tells who runs."""
+        before, since = self._on.setdefault(event.cpu, (event.tid, self.begin))
+        if before == event.tid:
+            return
+        self.inferred += 1
+        if event.time > since:
+            self.processors[event.cpu].append(Run(since, event.time, before))
+        self._on[event.cpu] = (event.tid, event.time)
+        if self._now.get(before, (0, "", None))[1:3] == ("run", event.cpu):
+            self.enter(before, event.time, "unknown", event.cpu)
+        if event.tid:
+            self.enter(event.tid, event.time, "run", event.cpu)
+
     def take(self, event):
+        self.notice(event)
         name = event.name
         if name.startswith(OWN):
             self.own.add(event.tid)
@@ -136,9 +151,9 @@ class Timeline:
     def switch(self, event):
         fields, cpu, time = event.fields, event.cpu, event.time
         before, after = fields["prev_pid"], fields["next_pid"]
-        tid, since = self._on.get(cpu, (before, self.begin))
+        since = self._on[cpu][1]
         if time > since:
-            self.processors[cpu].append(Run(since, time, tid))
+            self.processors[cpu].append(Run(since, time, before))
         self._on[cpu] = (after, time)
         if before:
             self.know(before, fields["prev_comm"], fields["prev_prio"])
