@@ -67,7 +67,7 @@ class CheckWraps(unittest.TestCase):
         }
         if "arm-linux-gnueabi-" in CC:  # see cpp_wrapping.cpp
             del facts["async-of-kernel"], facts["future-waits"]
-        rules = [{"libstdc++-thread", "libstdc++-clock", "libstdc++-condition"}, set(), set(), set()]
+        rules = [{"libstdc++-thread", "libstdc++-clock", "libstdc++-condition"}, {"detached-thread"}, set(), set()]
         for column, program in enumerate(programs):
             path = os.environ["CPP_WRAPPING_" + program]
             seen = run(*os.environ["EMULATOR"].split(), path)
@@ -94,9 +94,13 @@ class CheckWraps(unittest.TestCase):
         del findings["unit.o", "c11-threads"]
         findings["own.o", "own-definition"] = ["usleep"]
         self.assertEqual(check_wraps(unit, own), (1, findings))
-        self.assertEqual(check_wraps(self.calls("lto.o", "usleep", options=["-c", "-flto"])),
-                         (1, {("lto.o", "not-judged"): []}))
+        lto = self.calls("lto.o", "usleep", options=["-c", "-flto"])
+        self.assertEqual(check_wraps(lto), (1, {("lto.o", "not-judged"): []}))
+        self.assertEqual(check_wraps("--allow", "not-judged:lto.o", lto), (0, {}))
 
+        joins = self.calls("joins.o", "pthread_join", "pthread_detach", "pthread_tryjoin_np", options=["-c"])
+        self.assertEqual(check_wraps(joins)[1], {("joins.o", "detached-thread"):
+                         ["pthread_detach", "pthread_join", "pthread_tryjoin_np"]})
         self.assertEqual(check_wraps(self.calls("good.o", "usleep", "write", options=["-c"])), (0, {}))
         self.assertEqual(check_wraps(self.calls("program", "usleep", "pthread_create")),
                          (1, {("program", "left-unwrapped"): ["pthread_create", "usleep"]}))
@@ -122,6 +126,36 @@ class CheckWraps(unittest.TestCase):
                             "{ void isr() override; };\nvoid D::isr() {}", "-c", "-std=c++20",
                             "-I" + os.environ["INCLUDE"], language="c++")
         self.assertEqual(check_wraps(driver), (0, {}))
+
+    def test_what_is_accepted(self):
+        unit = self.calls("unit.o", "sem_clockwait", "clock_nanosleep", "thrd_create", options=["-c"])
+        clocks, threads = ("unit.o", "explicit-clock"), ("unit.o", "c11-threads")
+        self.assertEqual(check_wraps(unit, "--allow", "explicit-clock:sem_clockwait"),
+                         (1, {clocks: ["clock_nanosleep"], threads: ["thrd_create"]}))
+        with open(self.path("allowed"), "w", encoding="ascii") as allowed:
+            allowed.write("explicit-clock # both of them\n\n# C11\nc11-threads:unit.o\n")
+        self.assertEqual(check_wraps(unit, "--allow-file", allowed.name), (0, {}))
+        gone = check_wraps(unit, "--allow-file", allowed.name, "--allow", "c11-threads:mtx_lock")
+        self.assertEqual(gone, (1, {("--allow", "stale-allow"): ["c11-threads:mtx_lock"]}))
+        self.assertEqual(check_wraps(unit, "--allow-file", "/nowhere")[0], 2)
+
+    def test_link_time_optimization_by_llvm(self):
+        if not shutil.which("clang") or not shutil.which("ld.lld"):
+            print("test_link_time_optimization_by_llvm: Skipped\nneeds clang and lld", flush=True)
+            self.skipTest("needs clang and lld")
+        source = "int usleep(); int sem_wait(void* s) { return usleep(s); } int main() { return sem_wait(0); }"
+        unit = self.build("bitcode.o", source, "-flto", "-c", compiler="clang")
+        archive = self.path("libbitcode.a")
+        subprocess.run(["ar", "rc", archive, unit, self.build("elf.o", "int usleep();", "-c")], check=True)
+        self.assertEqual(check_wraps(unit)[1], {("bitcode.o", "not-judged"): []})
+        self.assertEqual(check_wraps(archive)[1], {("libbitcode.a(bitcode.o)", "not-judged"): []})
+        source = "#include <unistd.h>\nint main(void) { return usleep(1); }"
+        # The linker leaves the names that it has redirected undefined.
+        program = self.build("program", source, "-flto", "-fuse-ld=lld", "-Wl,--wrap=usleep", "-Wl,--wrap=sleep",
+                             "-Wl,--no-as-needed", os.environ["LIBRARY"], compiler="clang")
+        left = {line.split()[-1] for line in run("nm", "-D", "--undefined-only", program).stdout.splitlines()}
+        self.assertTrue(any(name.startswith("usleep") for name in left), left)
+        self.assertEqual(check_wraps(program)[1], {})
 
     def test_needed_libraries(self):
         self.calls("libdeep.so", "sleep", options=["-shared"])
