@@ -78,7 +78,8 @@ link an application with its calls wrapped; and, for development on a host, a
 simulated interrupt controller.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "real-time kernel services (tools)
 Programs that tell what the library will find on a machine, which calls of an
-application would pass by the library, and what a running application does.")
+application would pass by the library, what a running application does, and why
+it was late.")
 
 # Policy's files, for the packages only: `cmake --install` leaves them out.
 set(packaging_dir "${PROJECT_SOURCE_DIR}/packaging/debian")

@@ -15,7 +15,7 @@ inherit cmake
 EXTRA_OECMAKE = "-DZELKERNEL_BUILD_TESTS=OFF -DZELKERNEL_BUILD_PLATFORM=OFF"
 
 PACKAGES =+ "${PN}-tools"
-FILES:${PN}-tools = "${bindir} ${datadir}/zelkernel/wrapped_functions.txt ${datadir}/zelkernel/exported_names.txt"
+FILES:${PN}-tools = "${bindir} ${datadir}/zelkernel/wrapped_functions.txt ${datadir}/zelkernel/exported_names.txt ${datadir}/zelkernel/trace"
 FILES:${PN}-dev += "${libdir}/cmake ${datadir}/zelkernel/zelkernel.wrap"
 
 # Run by the library as commands; routing instances, TUN devices and marks are the kernel's.

@@ -30,7 +30,7 @@ constexpr const char* usage =
     "usage: zelkernel-trace record [-o FILE] [--seconds N] [--buffer KIB] PID\n"
     "       zelkernel-trace record [-o FILE] [--seconds N] [--buffer KIB] -- COMMAND...\n"
     "       zelkernel-trace report [--json] [--latest N] FILE\n"
-    "       zelkernel-trace export [--html | --svg] [-o OUTPUT] FILE\n"
+    "       zelkernel-trace export [--html | --svg CASE] [--latest N] [-o OUTPUT] FILE\n"
     "Shows why an application's ticks, interrupts and threads were late.\n"
     "  -o FILE       the recording (zelkernel.trace)\n"
     "  --seconds N   how long to record (10); ends with the application, too\n"

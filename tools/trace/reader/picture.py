@@ -64,6 +64,7 @@ class Picture:
 
     def __init__(self, timeline, cases, stretch=None):
         self.timeline, self.cases = timeline, cases  # {id: Case}
+        self.is_still = stretch is not None
         self.start, self.end = stretch or (timeline.begin, timeline.end)
         self.end = max(self.end, self.start + 1000)
         order = sorted(timeline.own, key=lambda tid: -timeline.linux_priority(tid))
@@ -77,7 +78,7 @@ class Picture:
         if self.is_thinned:
             self.keep([(case.start - SURROUNDINGS, case.end + SURROUNDINGS)
                        for case in cases.values()])
-        if stretch:  # threads that do nothing in it have no place in a still picture
+        if self.is_still:  # threads that do nothing in it have no place in a still picture
             shown = [(tid, track) for tid, track in zip(order, self.tracks) if track.bars]
             self.tids = [tid for tid, _ in shown]
             self.tracks = [track for _, track in shown] + self.tracks[len(order):]
@@ -100,9 +101,12 @@ class Picture:
         left = self.x(bar.start)
         width = max(self.x(bar.end) - left, 0.5)
         y, height = (top + 4, 11) if bar.row == 0 else (top + 16, 6)
+        shape = (f'<rect class="{bar.style}" x="{left:.1f}" width="{width:.1f}" y="{y}" '
+                 f'height="{height}"')
+        if self.is_still:
+            return shape + "/>"
         title = f"{bar.title}, {us(bar.end - bar.start)} us"
-        return (f'<rect class="{bar.style}" x="{left:.1f}" width="{width:.1f}" y="{y}" '
-                f'height="{height}" data-t="{self.us(bar.start):.1f}" '
+        return (f'{shape} data-t="{self.us(bar.start):.1f}" '
                 f'data-d="{(bar.end - bar.start) / 1000:.1f}"><title>{escape(title)}</title></rect>')
 
     def mark(self, name, case):
