@@ -91,7 +91,7 @@ top::Look look(const top::Statistics& statistics, pid_t pid) {
 // One that was given by its number may have been started just before.
 top::Statistics wait_for_statistics(pid_t pid, std::string& problem) {
     using namespace std::chrono;
-    const auto deadline = steady_clock::now() + seconds(3);
+    const auto deadline = steady_clock::now() + seconds(5);
     for (;;) {
         if (!top::is_running(pid)) {
             problem = "process " + std::to_string(pid) + " does not run";
