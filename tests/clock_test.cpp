@@ -50,17 +50,6 @@ TEST(Sleep, AsksForItsTimeAndGoesOnWithWhatRemained) {
     }
 }
 
-TEST(Sleep, UnderARainOfSignalsLastsItsFullTime) {
-    zel::test::interrupt_calls();
-    timespec start, end;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    EXPECT_EQ(__wrap_usleep(100'000), 0);
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    EXPECT_GE(ns(end) - ns(start), 100'000'000);
-    EXPECT_EQ(sleepMs(-5), -1);
-    EXPECT_EQ(errno, EINVAL);
-}
-
 TEST(Clock, MonotonicCountsFromTheStartTime) {
     struct Case {
         int64_t start;

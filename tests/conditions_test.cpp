@@ -139,31 +139,4 @@ TEST_F(Conditions, AWaitEndsAtItsDeadlineOnTheKernelsClockAndNotBefore) {
     EXPECT_EQ(__wrap_pthread_mutex_unlock(&mutex), 0); // the wait has taken it again
 }
 
-TEST_F(Conditions, AreCreatedWaitedOnAndDestroyedFromManyThreads) {
-    set_start_time(5'500'000'000, true);
-    std::atomic<int> wrong{0};
-    std::list<KernelThread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back(Attributes{1 + i % 3}, [&, i] {
-            setThreadAffinityAllCpus();
-            setThreadAffinityAllCpus();
-            pthread_mutex_t own;
-            __wrap_pthread_mutex_init(&own, nullptr);
-            pthread_mutex_lock(&own);
-            const timespec past{i % 2 == 0 ? 1 : 0, 0};
-            for (int round = 0; round < 2000; ++round) {
-                pthread_cond_t here;
-                wrong += __wrap_pthread_cond_init(&here, i % 2 == 0 ? &monotonic : nullptr) != 0;
-                wrong += __wrap_pthread_cond_timedwait(&here, &own, &past) != ETIMEDOUT;
-                wrong += __wrap_pthread_cond_destroy(&here) != 0;
-            }
-            pthread_mutex_unlock(&own);
-            pthread_mutex_destroy(&own);
-        });
-    }
-    for (KernelThread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong, 0);
-}
-
 } // namespace

@@ -3,7 +3,6 @@
 #include "support/test.hpp"
 #include "support/tun_interface.hpp"
 
-#include <arpa/inet.h>
 #include <barrier>
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
@@ -178,21 +177,16 @@ TEST(TunDevices, ComeAndGoWithoutTouchingAnyOtherDescriptor) {
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     interposed::popen = [](const char*, const char* mode) { return real::popen(":", mode); };
     // Holds a packet up between the choice of its descriptor and the call, now and then.
-    static const auto hold_up = [] {
-        static std::atomic<int> calls;
-        if (++calls % 4 == 0)
-            usleep(200);
+    const auto holding_up = [](auto real, size_t packet_size) {
+        return [real, packet_size](int fd, auto data, size_t size) {
+            static std::atomic<int> calls;
+            if (size == packet_size && ++calls % 4 == 0)
+                usleep(200);
+            return real(fd, data, size);
+        };
     };
-    interposed::write = [](int fd, const void* data, size_t size) {
-        if (size == 28)
-            hold_up();
-        return real::write(fd, data, size);
-    };
-    interposed::read = [](int fd, void* data, size_t size) {
-        if (size == 1500)
-            hold_up();
-        return real::read(fd, data, size);
-    };
+    interposed::write = holding_up(real::write, 28);
+    interposed::read = holding_up(real::read, 1500);
     zel_tun_init();
     zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10);
     constexpr int indices = 4;
@@ -202,29 +196,23 @@ TEST(TunDevices, ComeAndGoWithoutTouchingAnyOtherDescriptor) {
     // Beside the devices, on the numbers that they give back.
     others.emplace_back([&] {
         while (!stop) {
-            int ends[2] = {-1, -1};
-            touched += pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0;
             const int file = memfd_create("bystander", MFD_CLOEXEC);
             touched += write(file, "mine", 4) != 4;
             usleep(100);
             char bytes[8];
-            touched += read(ends[0], bytes, 8) != -1 || lseek(file, 0, SEEK_CUR) != 4 ||
-                       pread(file, bytes, 8, 0) != 4;
-            for (const int fd : {file, ends[0], ends[1]})
-                close(fd);
+            touched += lseek(file, 0, SEEK_CUR) != 4 || pread(file, bytes, 8, 0) != 4;
+            close(file);
         }
     });
     // Out of Linux, and into it.
     others.emplace_back([&] {
-        const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in peer{AF_INET, htons(7), {}, {}};
         while (!stop) {
-            for (uint32_t index = 1; index <= indices; ++index) {
-                peer.sin_addr.s_addr = htonl(0x0a000002u | index << 16);
-                sendto(socket, "x", 1, 0, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
+            for (int index = 1; index <= indices; ++index) {
+                const int socket = socket_through(index);
+                send(socket, "x", 1, 0);
+                close(socket);
             }
         }
-        close(socket);
     });
     for (int sender = 0; sender < 2; ++sender) {
         others.emplace_back([&] {

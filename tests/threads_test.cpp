@@ -97,15 +97,8 @@ TEST(Creation, TakesOnlyStackAndPriorityFromTheCaller) {
         EXPECT_TRUE(registry_empties());
     }
     // The last thread may still be on its stack: it stays mapped.
-}
-
-TEST(Creation, WithoutAttributesTakesTheCreatorsPriority) {
-    ASSERT_TRUE(become_fifo(9));
-    int priority = 0;
-    KernelThread thread(nullptr, [&] { priority = thread_info(gettid()).priority; });
-    thread.join();
-    EXPECT_EQ(priority, 9);
-    EXPECT_NE(thread.id, 0u);
+    ASSERT_TRUE(become_fifo(9)); // whose priority is taken without attributes
+    KernelThread(nullptr, [] { EXPECT_EQ(thread_info(gettid()).priority, 9); }).join();
 }
 
 TEST(Creation, ThatIsRefusedSaysWhyAndLeavesNothingBehind) {
@@ -141,53 +134,43 @@ TEST(Creation, ThatIsRefusedSaysWhyAndLeavesNothingBehind) {
     EXPECT_THAT(registered(), IsEmpty());
 }
 
-template<typename... Arguments>
-void create_with_failing(Hook<int(Arguments...)>& hook, const std::string& steps) {
+TEST(Creation, ReportsAFailingStepAndGoesOn) {
+    ASSERT_TRUE(become_fifo(2));
     // A stack and priority of the caller's make every step run.
     void* stack =
         mmap(nullptr, 1 << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     Attributes attr{3};
     real::pthread_attr_setstack(attr, stack, 1 << 20);
-    hook = [](Arguments...) { return ENOTSUP; };
-    Capture printed{2};
-    EXPECT_EQ(__wrap_pthread_create(nullptr, attr, do_nothing, nullptr), 0);
-    EXPECT_EQ(printed.text(), steps);
-    hook = nullptr;
-    EXPECT_TRUE(registry_empties());
-}
-
-TEST(Creation, ReportsAFailingStepAndGoesOn) {
-    ASSERT_TRUE(become_fifo(2));
-    const std::string no_priority =
-        "__w_pthread_create; _r_pthread_attr_setschedparam: Invalid argument\n";
-    const auto lines = [](std::initializer_list<const char*> failing) {
-        std::string result;
+    const auto expect = [&](auto& hook, std::initializer_list<const char*> failing,
+                            const char* also = "") {
+        std::string lines;
         for (const char* step : failing)
-            result += "__w_pthread_" + std::string{step} + ": Operation not supported\n";
-        return result;
+            lines += "__w_pthread_" + std::string{step} + ": Operation not supported\n";
+        hook = [](auto...) { return ENOTSUP; };
+        Capture printed{2};
+        EXPECT_EQ(__wrap_pthread_create(nullptr, attr, do_nothing, nullptr), 0);
+        EXPECT_EQ(printed.text(), lines + also);
+        hook = nullptr;
+        EXPECT_TRUE(registry_empties());
     };
-    create_with_failing(interposed::pthread_attr_setschedpolicy,
-                        lines({"create; pthread_attr_setschedpolicy"}) + no_priority);
-    create_with_failing(interposed::pthread_attr_setinheritsched,
-                        lines({"create; pthread_attr_setinheritsched"}));
+    const auto no_priority =
+        "__w_pthread_create; _r_pthread_attr_setschedparam: Invalid argument\n";
+    expect(interposed::pthread_attr_setschedpolicy, {"create; pthread_attr_setschedpolicy"},
+           no_priority);
+    expect(interposed::pthread_attr_setinheritsched, {"create; pthread_attr_setinheritsched"});
     if (!under_thread_sanitizer) // which misses the join
-        create_with_failing(interposed::pthread_attr_setdetachstate,
-                            lines({"create; pthread_attr_setdetachstate"}));
-    create_with_failing(interposed::pthread_attr_getstacksize,
-                        lines({"create; pthread_attr_getstacksize"}));
-    create_with_failing(
-        interposed::pthread_attr_getstack,
-        lines({"attr_getstack; pthread_attr_getstack failed", "create; pthread_attr_getstack"}));
-    create_with_failing(
-        interposed::pthread_attr_setstack,
-        lines({"attr_setstack; pthread_attr_setstack failed", "create; pthread_attr_setstack"}));
-    create_with_failing(interposed::pthread_attr_setstacksize,
-                        lines({"create; pthread_attr_setstacksize set default failed",
-                               "create; pthread_attr_init", "create; pthread_attr_setstacksize"}));
-    create_with_failing(interposed::pthread_attr_getschedparam,
-                        lines({"create; pthread_attr_getschedparam"}) + no_priority);
-    create_with_failing(interposed::pthread_attr_setschedparam,
-                        lines({"create; _r_pthread_attr_setschedparam"}));
+        expect(interposed::pthread_attr_setdetachstate, {"create; pthread_attr_setdetachstate"});
+    expect(interposed::pthread_attr_getstacksize, {"create; pthread_attr_getstacksize"});
+    expect(interposed::pthread_attr_getstack,
+           {"attr_getstack; pthread_attr_getstack failed", "create; pthread_attr_getstack"});
+    expect(interposed::pthread_attr_setstack,
+           {"attr_setstack; pthread_attr_setstack failed", "create; pthread_attr_setstack"});
+    expect(interposed::pthread_attr_setstacksize,
+           {"create; pthread_attr_setstacksize set default failed", "create; pthread_attr_init",
+            "create; pthread_attr_setstacksize"});
+    expect(interposed::pthread_attr_getschedparam, {"create; pthread_attr_getschedparam"},
+           no_priority);
+    expect(interposed::pthread_attr_setschedparam, {"create; _r_pthread_attr_setschedparam"});
 }
 
 TEST(Creation, PureFormRegistersForEverAndReportsNothing) {
@@ -246,6 +229,7 @@ TEST(Registry, ForgetsAThreadHoweverItEnds) {
     }
 }
 
+// Each with a condition variable of its own, whose clock is remembered and forgotten.
 TEST(Registry, HoldsWhile10000ThreadsComeAndGo) {
     constexpr int creators = 4, each = 2500;
     // The thread sanitizer spins on locks of its own, which knows no end between two priorities.
@@ -255,7 +239,16 @@ TEST(Registry, HoldsWhile10000ThreadsComeAndGo) {
         KernelThread(Attributes{2 + c * step}, [&, c] {
             Attributes attr{2 + (creators - c) * step};
             const auto routine = [](void* counter) -> void* {
-                ++*static_cast<std::atomic<int>*>(counter);
+                const timespec past{1, 0};
+                pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+                pthread_cond_t cond;
+                pthread_mutex_lock(&mutex);
+                const bool good =
+                    __wrap_pthread_cond_init(&cond, nullptr) == 0 &&
+                    __wrap_pthread_cond_timedwait(&cond, &mutex, &past) == ETIMEDOUT &&
+                    __wrap_pthread_cond_destroy(&cond) == 0;
+                pthread_mutex_unlock(&mutex);
+                *static_cast<std::atomic<int>*>(counter) += good;
                 return nullptr;
             };
             for (int i = 0; i < each; ++i)
@@ -444,9 +437,7 @@ TEST(Affinity, CountIsTheLastLinePrintedAndAtLeastOne) {
         EXPECT_EQ(getNumOfCpus(), expected) << command;
         EXPECT_EQ(num_processors, expected);
     }
-}
-
-TEST(Affinity, CountThatCannotBeTakenEndsTheProcess) {
+    num_processors = 0;
     interposed::popen = [](auto...) { return nullptr; };
     EXPECT_EXIT(getNumOfCpus(), testing::ExitedWithCode(1), "^$");
 }

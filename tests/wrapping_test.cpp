@@ -46,12 +46,15 @@ TEST(Wrapping, LandsInTheLibrary) {
     EXPECT_EQ(initialised, 1);
 
     zel_disable_posix_locks();
+    // Addresses at which nothing may be read.
     sem_t* const sem = reinterpret_cast<sem_t*>(64);
     pthread_mutex_t* const mutex = reinterpret_cast<pthread_mutex_t*>(64);
+    errno = 55;
     EXPECT_EQ(sem_wait(sem) + sem_trywait(sem) + sem_timedwait(sem, &now) + sem_post(sem), 0);
     EXPECT_EQ(pthread_mutex_lock(mutex) + pthread_mutex_trylock(mutex) +
                   pthread_mutex_timedlock(mutex, &now) + pthread_mutex_unlock(mutex),
               0);
+    EXPECT_EQ(errno, 55);
     pthread_t thread = 1;
     const std::string line = printed_on(2, [&] {
         EXPECT_EQ(pthread_create(

@@ -97,7 +97,7 @@ FAULTS = [
           "    if (!held_ || !posix_locks_are_on())\n        return 0;"),
     locks("an unlock ignores the switch",
           "return posix_locks_are_on() ? pthread_mutex_unlock(mutex) : 0",
-          "return pthread_mutex_unlock(mutex)"),
+          "return pthread_mutex_unlock(mutex)", "wrapping_test"),
     locks("a semaphore is shared", "return sem_init(sem, 0, value);",
           "return sem_init(sem, 1, value);"),
     locks("a signal ends a timed semaphore wait",
@@ -149,10 +149,9 @@ FAULTS = [
           "    const QueueLock lock;\n"),
     kcall("a call runs under the queue's lock", "    const QueueUnlock unlocked;\n", ""),
     kcall("the poller runs after the calls",
-          "    if (KCallRunPoller != nullptr)\n        KCallRunPoller();\n"
-          "    if (KCallIn != KCallOut)\n        run_pending_calls();\n",
+          "    if (KCallRunPoller != nullptr) {\n",
           "    if (KCallIn != KCallOut)\n        run_pending_calls();\n"
-          "    if (KCallRunPoller != nullptr)\n        KCallRunPoller();\n"),
+          "    if (KCallRunPoller != nullptr) {\n"),
     kcall("an entry is given up before its call runs",
           "        run_call(*entry);\n        KCallOut = entry;\n",
           "        KCallOut = entry;\n        run_call(*entry);\n"),
