@@ -25,21 +25,17 @@ void poll() {
 }
 void update_rtc(clockid_t, timespec*) {}
 
-TEST(KernelState, IsThatOfNoKernelBeforeStartUp) {
-    EXPECT_EQ(zel_initialized(), 0);
-    EXPECT_EQ(zel_get_current_context(), 0);
-    EXPECT_EQ(isItSafeToBlock(), 1);
-    EXPECT_EQ(zel_timer_priority(), 0);
-    EXPECT_EQ(AdAreInterruptsEnabled(), 1);
-    EXPECT_EQ(zel_get_interrupt_mgr(), nullptr);
-}
-
 // The caller's priority (0: time sharing), DEBUGGER, and the caller's priority afterwards.
 struct StartUp : testing::TestWithParam<std::tuple<int, std::optional<std::string>, int>> {};
 
 TEST_P(StartUp, RunsItsSteps) {
     ENTER_PRIVATE_NAMESPACES_OR_SKIP();
     const auto [fifo, debugger, priority] = GetParam();
+    EXPECT_EQ(zel_initialized(), 0);
+    EXPECT_EQ(isItSafeToBlock(), 1);
+    EXPECT_EQ(zel_timer_priority(), 0);
+    EXPECT_EQ(AdAreInterruptsEnabled(), 1);
+    EXPECT_EQ(zel_get_interrupt_mgr(), nullptr);
     std::ofstream("/run/netns/left_over");
     ASSERT_TRUE(fifo == 0 || become_fifo(fifo));
     if (debugger)

@@ -18,13 +18,16 @@ struct Locking {
     int commands_inside = 0, commands_outside = 0;
 };
 
-Locking locking_of(void (*operation)()) {
+// The switch may be turned off while the operation holds the lock.
+Locking locking_of(void (*operation)(), bool turn_off_inside = false) {
     static thread_local Locking* seen;
     Locking result;
-    interposed::pthread_mutex_lock = [](pthread_mutex_t* mutex) {
+    interposed::pthread_mutex_lock = [turn_off_inside](pthread_mutex_t* mutex) {
         if (seen != nullptr) {
             seen->mutex = mutex;
             seen->most_held = std::max(seen->most_held, ++seen->held);
+            if (turn_off_inside)
+                zel_disable_posix_locks();
         }
         return real::pthread_mutex_lock(mutex);
     };
@@ -120,20 +123,6 @@ TEST(Mutex, InheritsPriorityAndALockIsRetriedOnATimeoutAlone) {
     }
 }
 
-// That nothing is touched otherwise is shown in wrapping_test.
-TEST(Switch, MakesAPostSucceedWithoutCounting) {
-    EXPECT_EQ(posix_locks_enabled, 1);
-    sem_t sem;
-    EXPECT_EQ(__wrap_sem_init(&sem, 0, 0), 0);
-    zel_disable_posix_locks();
-    EXPECT_EQ(posix_locks_enabled, 0);
-    EXPECT_EQ(__wrap_sem_post(&sem), 0);
-    zel_enable_posix_locks();
-    EXPECT_EQ(posix_locks_enabled, 1);
-    EXPECT_EQ(__wrap_sem_trywait(&sem), -1);
-    EXPECT_EQ(errno, EAGAIN);
-}
-
 // Each operation takes the one lock of its module, never a second one meanwhile, and holds it for
 // the commands that must not be overtaken alone; with the switch off it takes none. Kernel calls
 // know no switch.
@@ -200,27 +189,10 @@ TEST(Locks, AreTakenByEveryOperationThatTouchesSharedState) {
             EXPECT_EQ(seen.mutex, of_module[c.module]) << &c - cases;
         }
     }
-}
-
-// Switched off between the library's lock and unlock, nothing stays locked.
-TEST(Switch, LeavesNoLockOfTheLibraryHeldWhenTurnedUnderItsFeet) {
-    std::atomic<bool> stop{false};
-    KernelThread turner(Attributes{1}, [&] {
-        while (!stop) {
-            zel_disable_posix_locks();
-            zel_enable_posix_locks();
-        }
-    });
-    for (int i = 0; i < 500'000; ++i) {
-        pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-        __wrap_pthread_cond_destroy(&cond);
+    for (const auto& c : cases) {
+        zel_enable_posix_locks();
+        EXPECT_EQ(locking_of(c.operation, true).held, 0) << &c - cases << ", turned off inside";
     }
-    stop = true;
-    turner.join();
-    static pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-    pthread_mutex_t* mutex = locking_of([] { __wrap_pthread_cond_destroy(&cond); }).mutex;
-    ASSERT_NE(mutex, nullptr);
-    EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
 }
 
 TEST(Semaphore, IsPrivateToTheProcess) {

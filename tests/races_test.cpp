@@ -34,17 +34,10 @@ TEST(Cancellation, AfterTheRoutineLeavesNeitherLockNorRegistryEntry) {
     interposed::pthread_mutex_lock = cancel_at_its_call(real::pthread_mutex_lock);
     interposed::pthread_mutex_unlock = cancel_at_its_call(real::pthread_mutex_unlock);
     for (int moment = 1; moment <= 4; ++moment) {
-        static int at;
-        at = moment;
-        ASSERT_EQ(__wrap_pthread_create(
-                      nullptr, Attributes{1},
-                      [](void*) -> void* {
-                          pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
-                          calls_left = at;
-                          return nullptr;
-                      },
-                      nullptr),
-                  0);
+        const KernelThread thread{Attributes{1}, [moment] {
+                                      pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+                                      calls_left = moment;
+                                  }};
         alarm(20); // instead of waiting for a lock for ever
         EXPECT_TRUE(eventually([] { return registered_threads() == 0; })) << "moment " << moment;
         alarm(0);

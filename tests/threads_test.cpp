@@ -305,11 +305,8 @@ TEST(Stack, OfTheSmallestSizeSufficesForTheLibrarysCalls) {
     }
 }
 
-struct Shift : testing::Test {
-    Shift() { kernel_priorities = {0, 0, 0, 0, 0, 3, -20, 40, 13}; } // by -10
-};
-
-TEST_F(Shift, MovesPrioritiesBothWays) {
+TEST(Shift, MovesPrioritiesBothWays) {
+    kernel_priorities = {0, 0, 0, 0, 0, 3, -20, 40, 13}; // by -10
     Attributes attr{1};
     const sched_param five{5};
     EXPECT_EQ(__wrap_pthread_attr_setschedparam(attr, &five), 0);
@@ -329,10 +326,8 @@ TEST_F(Shift, MovesPrioritiesBothWays) {
         EXPECT_EQ(__wrap_sched_get_priority_min(any), -20);
         EXPECT_EQ(__wrap_sched_get_priority_max(any), 40);
     }
-}
 
-TEST_F(Shift, LeavesTheRangeToTheSystem) {
-    const sched_param high{90};
+    const sched_param high{90}; // the range is the system's
     const auto beyond = [&high] {
         EXPECT_EQ(__wrap_pthread_setschedparam(pthread_self(), SCHED_FIFO, &high), EINVAL);
         errno = 0;
