@@ -29,7 +29,7 @@ constexpr int pulses = 40;
 std::atomic<std::int64_t> tick_at; // when the latest poller began
 std::atomic<bool> linger;
 std::int64_t lingered_from;
-sem_t ticked, high_may_start, mid_may_start, finished;
+sem_t ticked, high_may_start, mid_may_start, all_served, finished;
 pthread_mutex_t contended;
 std::int64_t high_waited, mid_ran;
 
@@ -83,7 +83,7 @@ void judge_tick(const char* way, MakeLate make_late) {
     spin_until(due - period_us / 2);
     const std::int64_t end = make_late(due);
     while (tick_at < due)
-        usleep(100);
+        sem_wait(&ticked);
     print(way, tick_at - due, end - due);
 }
 
@@ -91,7 +91,7 @@ void settle(zel_word_t, zel_word_t, zel_word_t) {}
 
 struct Routine : Drivers::Api::InterruptProcessing::InterruptServiceRoutine,
                  Drivers::Api::InterruptProcessing::DeferredServiceRoutine {
-    std::atomic<int> served = 0;
+    int served = 0;
     std::atomic<std::int64_t> ended = 0;
     void isr() override {
         if (served == 0) {
@@ -101,7 +101,8 @@ struct Routine : Drivers::Api::InterruptProcessing::InterruptServiceRoutine,
         }
         spin_until(now_us() + 1000);
         ended = now_us();
-        ++served;
+        if (++served == pulses)
+            sem_post(&all_served);
     }
     void dsr() override {}
 };
@@ -136,8 +137,7 @@ void* burst(void*) {
     judge_tick("burst", [](std::int64_t) {
         for (int i = 0; i < pulses; ++i)
             zel_simulated_raise(vector);
-        while (routine.served < pulses)
-            usleep(100);
+        sem_wait(&all_served);
         return routine.ended.load();
     });
     sem_post(&finished);
@@ -188,7 +188,7 @@ void invert_priorities() {
 } // namespace
 
 int main(int argc, char**) {
-    for (sem_t* semaphore : {&ticked, &high_may_start, &mid_may_start, &finished})
+    for (sem_t* semaphore : {&ticked, &high_may_start, &mid_may_start, &all_served, &finished})
         sem_init(semaphore, 0, 0);
     const KernelPriorities priorities{40, 38, 36, 0, 34, 0, 0, 50, 9};
     zel_kernel_init(priorities, period_us, 0, poll, nullptr);
@@ -200,7 +200,7 @@ int main(int argc, char**) {
     invert_priorities();
     linger = true;
     sem_wait(&finished);
-    start(burst, 20);
+    start(burst, 45); // above the interrupt thread: all pulses come before it serves one
     sem_wait(&finished);
     usleep(200'000);
 }
