@@ -6,10 +6,13 @@
 #include "TickTrial.hpp"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <sched.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -97,6 +100,16 @@ Finding timer_resolution(const Request&) {
     return {fine ? Status::ok : Status::missing, format("%ld ns", resolution.tv_nsec)};
 }
 
+Finding time_after_2038(const Request&) {
+#ifdef SYS_clock_gettime64
+    // Of 32-bit systems alone: two words of 64 bits, whatever a time type of ours may be.
+    std::array<std::int64_t, 2> now{};
+    if (syscall(SYS_clock_gettime64, CLOCK_REALTIME, now.data()) != 0)
+        return {Status::note, "the kernel's calls have 32-bit time"};
+#endif
+    return {Status::ok, "the kernel's calls have 64-bit time"};
+}
+
 // At the kernel-call thread's priority when it is known.
 int tick_priority(const Request& request) {
     constexpr int middle = 50;
@@ -142,6 +155,10 @@ constexpr Check checks[] = {
      "let the program's control group (cpuset) or taskset include processor 0"},
     {"timer resolution", timer_resolution, "ticks are rounded up to this resolution",
      "use a kernel with CONFIG_HIGH_RES_TIMERS, and no highres=off on its command line"},
+    {"time after 2038", time_after_2038,
+     "clocks and deadlines after January 2038 fail with EOVERFLOW, also in an application that is "
+     "compiled with 64-bit time",
+     "use a kernel from 5.1 on"},
     {"1 ms tick, lateness", tick_lateness,
      "the run poller and queued kernel calls run that late; lost ticks are not made up",
      "repeat it with nothing else running; look at power saving, interrupt load, and for a kernel "
