@@ -41,8 +41,8 @@ typedef void (*zel_run_poller_func)(void);
 ZEL_EXPORT extern KernelPriorities kernel_priorities;
 ZEL_EXPORT extern uint8_t priorities_initialized; /* 1 once kernel_priorities is final */
 ZEL_EXPORT extern uint8_t initialized;            /* 1 once zel_kernel_init has finished */
-ZEL_EXPORT extern struct timespec starttime       /* CLOCK_MONOTONIC at start-up */
-    ZEL_TIME64_NAME("starttime_time64");
+ZEL_EXPORT extern struct timespec starttime ZEL_TIME64_NAME("starttime_time64"); /* at start-up:
+                                     CLOCK_MONOTONIC */
 ZEL_EXPORT extern int64_t starttimeInNs; /* the same in nanoseconds */
 ZEL_EXPORT extern zel_update_rtc_func updateRTCFunc ZEL_TIME64_NAME("updateRTCFunc_time64");
 ZEL_EXPORT extern pthread_mutex_t interrupts_disabled_mutex; /* for the application: recursive,
