@@ -55,11 +55,12 @@ int start(pthread_t& id, State& state) {
     *block = {run, state.get()};
     const ThreadAttributes attributes;
     const int result = __zel_pure_pthread_create(&id, attributes.get(), thread_func, block);
-    if (result == 0)
-        static_cast<void>(state.release()); // the thread's now
-    else
+    if (result != 0) {
         std::free(block);
-    return result;
+        return result;
+    }
+    static_cast<void>(state.release()); // the thread's now
+    return 0;
 }
 
 } // namespace
