@@ -43,6 +43,11 @@ install(CODE "file(INSTALL \"${PROJECT_SOURCE_DIR}/packaging/iproute2/zelkernel.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/systemd/zelkernel-app.service"
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 
+# The guides, which the tools' remedies name.
+install(FILES "${PROJECT_SOURCE_DIR}/docs/porting.md" "${PROJECT_SOURCE_DIR}/docs/cpp-applications.md"
+              "${PROJECT_SOURCE_DIR}/docs/running.md" "${PROJECT_SOURCE_DIR}/docs/real-board.md"
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+
 # The CMake package; the build tree is one, too (-Dzelkernel_DIR=BUILD).
 include(CMakePackageConfigHelpers)
 export(EXPORT zelkernel NAMESPACE zelkernel:: FILE "${PROJECT_BINARY_DIR}/zelkernel-targets.cmake")

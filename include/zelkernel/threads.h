@@ -3,7 +3,7 @@
  * The application calls pthread_create; linked with wrapping, the call lands in
  * __wrap_pthread_create. Differences from POSIX (pthread_create(3p)):
  *  - threads are always detached, SCHED_FIFO with explicit scheduling, on CPU 0, on a stack of at
- *    least 16384 bytes (also the default); joining one fails;
+ *    least 16384 bytes (also the default);
  *  - pthread_join and pthread_detach are the system's, and of no use: they fail with EINVAL while
  *    the thread runs, and are undefined once it has ended;
  *  - of the caller's attributes only the stack and the priority are used;

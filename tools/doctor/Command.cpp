@@ -39,8 +39,8 @@ std::string rights_remedy(std::initializer_list<Capability> needed) {
     }
     return "give the commands that the library runs the capabilities that they lack: " + lacking +
            " (a user's as ambient ones, by setpriv or a systemd unit's AmbientCapabilities=; "
-           "root's "
-           "in a container by --cap-add; those of a file, by setcap, do not reach commands)";
+           "root's in a container by --cap-add; those of a file, by setcap, do not reach commands; "
+           "see running.md in share/doc/zelkernel)";
 }
 
 bool is_refusal(int error) {
