@@ -5,7 +5,7 @@
 # and a C++ application that opts in, by zelkernel::cxx, zelkernel-cxx, or zelkernel-cxx.wrap with
 # -lzelkernel-cxx -lzelkernel beside the other;
 # and the installed tree works from wherever it is moved to.
-# Components: runtime (the library), development, and tools (tools/CMakeLists.txt).
+# Components: runtime (the library), development, and tools and host-tools (tools/CMakeLists.txt).
 option(ZELKERNEL_INSTALL_MULTIARCH
        "Install libraries into Debian's multiarch directory, whatever the prefix" OFF)
 if(ZELKERNEL_INSTALL_MULTIARCH AND CMAKE_LIBRARY_ARCHITECTURE)
