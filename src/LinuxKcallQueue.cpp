@@ -54,7 +54,7 @@ pthread_t kcall_thread;
 timespec tick_period;
 
 void lock_queue() {
-    const bool waits = zel::is_held(kcall_mutex);
+    const bool waits = zel::is_held(&kcall_mutex);
     if (waits) [[unlikely]]
         ZEL_PROBE(lock_wait, &kcall_mutex);
     pthread_mutex_lock(&kcall_mutex);

@@ -18,7 +18,7 @@ using zel::posix_locks_are_on;
 namespace {
 
 int lock(pthread_mutex_t* mutex) {
-    const bool waits = zel::is_held(*mutex);
+    const bool waits = zel::is_held(mutex);
     if (waits) [[unlikely]]
         ZEL_PROBE(lock_wait, mutex);
     int result = 0;

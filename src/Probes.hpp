@@ -32,8 +32,8 @@ namespace zel {
 
 // Whether some thread holds the lock at this moment, without touching it: glibc notes the owner.
 // For the probes of contended locks only, where nothing depends on the answer.
-inline bool is_held(const pthread_mutex_t& mutex) {
-    return ZEL_HAVE_SDT && __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED) != 0;
+inline bool is_held(const pthread_mutex_t* mutex) {
+    return ZEL_HAVE_SDT && __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED) != 0;
 }
 
 } // namespace zel

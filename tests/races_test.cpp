@@ -91,7 +91,7 @@ TEST(KernelCalls, OfManyThreadsRunOnceOrAreCancelled) {
     // A thread that spins there keeps the one it waits for, of lower priority, from running.
     if (under_thread_sanitizer)
         GTEST_SKIP() << "the sanitizer's own locks spin and know no SCHED_FIFO priorities";
-    struct Routine : DeferredServiceRoutine {
+    struct Routine final : DeferredServiceRoutine {
         void dsr() override { ++runs; }
         std::atomic<int> runs{0};
     };

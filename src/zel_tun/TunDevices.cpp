@@ -107,7 +107,7 @@ void zel_tun_destroy(char* output, const char* name, int index, int family) {
     // Of this buffer only the first byte is known to exist.
     report_into(output, 1, [=](OutputText& text) {
         text.clear();
-        auto deletion = std::make_unique<PendingTunDelete>(family, index, name);
+        auto deletion = std::make_unique<PendingTunDelete>(PendingTunDelete{family, index, name});
         // Outside the critical section: closing a TUN descriptor takes the kernel milliseconds.
         TunReference descriptor;
         {

@@ -58,10 +58,11 @@ bool read_elf(const Image& image, Read read) {
     const auto ident = image.at<std::array<unsigned char, EI_NIDENT>>(0);
     if (std::memcmp(ident.data(), ELFMAG, SELFMAG) != 0)
         return false;
-    if (ident[EI_CLASS] == ELFCLASS32)
+    if (ident[EI_CLASS] == ELFCLASS32) {
         read.template operator()<Elf32>();
-    else
+    } else {
         read.template operator()<Elf64>();
+    }
     return true;
 }
 
