@@ -53,13 +53,18 @@ pthread_t kcall_thread;
 // The period in nanoseconds; all zero leaves the timer unarmed.
 timespec tick_period;
 
-void lock_queue() {
-    const bool waits = zel::is_held(&kcall_mutex);
-    if (waits) [[unlikely]]
-        ZEL_PROBE(lock_wait, &kcall_mutex);
+[[gnu::cold]] void wait_for_queue() {
+    ZEL_PROBE(lock_wait, &kcall_mutex);
     pthread_mutex_lock(&kcall_mutex);
-    if (waits) [[unlikely]]
-        ZEL_PROBE(lock_taken, &kcall_mutex);
+    ZEL_PROBE(lock_taken, &kcall_mutex);
+}
+
+void lock_queue() {
+    if (zel::is_held(&kcall_mutex)) [[unlikely]] {
+        wait_for_queue();
+    } else {
+        pthread_mutex_lock(&kcall_mutex);
+    }
 }
 
 class QueueLock {

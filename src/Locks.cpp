@@ -17,17 +17,25 @@ using zel::posix_locks_are_on;
 
 namespace {
 
-int lock(pthread_mutex_t* mutex) {
-    const bool waits = zel::is_held(mutex);
-    if (waits) [[unlikely]]
-        ZEL_PROBE(lock_wait, mutex);
+int lock_at_once_or_wait(pthread_mutex_t* mutex) {
     int result = 0;
     do {
         result = pthread_mutex_lock(mutex);
     } while (result == ETIMEDOUT);
-    if (waits) [[unlikely]]
-        ZEL_PROBE(lock_taken, mutex);
     return result;
+}
+
+[[gnu::cold]] int wait_for_lock(pthread_mutex_t* mutex) {
+    ZEL_PROBE(lock_wait, mutex);
+    const int result = lock_at_once_or_wait(mutex);
+    ZEL_PROBE(lock_taken, mutex);
+    return result;
+}
+
+int lock(pthread_mutex_t* mutex) {
+    if (zel::is_held(mutex)) [[unlikely]]
+        return wait_for_lock(mutex);
+    return lock_at_once_or_wait(mutex);
 }
 
 } // namespace
