@@ -1,0 +1,1 @@
+// Compiled for the precompiled header beside it alone.
