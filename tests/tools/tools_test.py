@@ -143,16 +143,17 @@ class CheckWraps(unittest.TestCase):
         if not shutil.which("clang") or not shutil.which("ld.lld"):
             print("test_link_time_optimization_by_llvm: Skipped\nneeds clang and lld", flush=True)
             self.skipTest("needs clang and lld")
+        target = "--target=" + run(CC, "-dumpmachine").stdout.strip()
         source = "int usleep(); int sem_wait(void* s) { return usleep(s); } int main() { return sem_wait(0); }"
-        unit = self.build("bitcode.o", source, "-flto", "-c", compiler="clang")
+        unit = self.build("bitcode.o", source, target, "-flto", "-c", compiler="clang")
         archive = self.path("libbitcode.a")
         subprocess.run(["ar", "rc", archive, unit, self.build("elf.o", "int usleep();", "-c")], check=True)
         self.assertEqual(check_wraps(unit)[1], {("bitcode.o", "not-judged"): []})
         self.assertEqual(check_wraps(archive)[1], {("libbitcode.a(bitcode.o)", "not-judged"): []})
         source = "#include <unistd.h>\nint main(void) { return usleep(1); }"
         # The linker leaves the names that it has redirected undefined.
-        program = self.build("program", source, "-flto", "-fuse-ld=lld", "-Wl,--wrap=usleep", "-Wl,--wrap=sleep",
-                             "-Wl,--no-as-needed", os.environ["LIBRARY"], compiler="clang")
+        program = self.build("program", source, target, "-flto", "-fuse-ld=lld", "-Wl,--wrap=usleep",
+                             "-Wl,--wrap=sleep", "-Wl,--no-as-needed", os.environ["LIBRARY"], compiler="clang")
         left = {line.split()[-1] for line in run("nm", "-D", "--undefined-only", program).stdout.splitlines()}
         self.assertTrue(any(name.startswith("usleep") for name in left), left)
         self.assertEqual(check_wraps(program)[1], {})
