@@ -52,16 +52,16 @@ private:
     std::string bytes_;
 };
 
-// Calls read.operator()<Elf>() with the file's class; false when it is no ELF file.
+// Calls read() with an object of the file's class; false when it is no ELF file.
 template<typename Read>
 bool read_elf(const Image& image, Read read) {
     const auto ident = image.at<std::array<unsigned char, EI_NIDENT>>(0);
     if (std::memcmp(ident.data(), ELFMAG, SELFMAG) != 0)
         return false;
     if (ident[EI_CLASS] == ELFCLASS32) {
-        read.template operator()<Elf32>();
+        read(Elf32{});
     } else {
-        read.template operator()<Elf64>();
+        read(Elf64{});
     }
     return true;
 }

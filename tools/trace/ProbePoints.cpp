@@ -162,7 +162,7 @@ std::string type_of(const std::string& size) {
 ProbedFile read_probed_file(const std::string& path) {
     const Image image{path};
     ProbedFile file;
-    read_elf(image, [&]<typename Elf>() { file = Reader<Elf>{image}.read(); });
+    read_elf(image, [&](auto elf) { file = Reader<decltype(elf)>{image}.read(); });
     return file;
 }
 

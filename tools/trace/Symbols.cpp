@@ -71,7 +71,7 @@ private:
 std::string describe_symbols(const std::string& path, std::uint64_t base) {
     const Image image{path};
     std::string text;
-    read_elf(image, [&]<typename Elf>() { text = Symbols<Elf>{image, base}.describe(path); });
+    read_elf(image, [&](auto elf) { text = Symbols<decltype(elf)>{image, base}.describe(path); });
     return text;
 }
 
