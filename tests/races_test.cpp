@@ -89,7 +89,7 @@ TEST(Cancellation, WithinACommandLeavesNoLockDescriptorOrProcess) {
 // entry in the queue has become Empty, never both and never neither.
 TEST(KernelCalls, OfManyThreadsRunOnceOrAreCancelled) {
     // A thread that spins there keeps the one it waits for, of lower priority, from running.
-    if (under_thread_sanitizer)
+    if (under_thread_sanitizer || under_address_sanitizer)
         GTEST_SKIP() << "the sanitizer's own locks spin and know no SCHED_FIFO priorities";
     struct Routine final : DeferredServiceRoutine {
         void dsr() override { ++runs; }

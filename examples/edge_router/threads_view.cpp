@@ -65,7 +65,8 @@ std::string list_of(const cpu_set_t& processors) {
     std::string list;
     for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
         if (CPU_ISSET(cpu, &processors)) {
-            list += (list.empty() ? "" : ",") + std::to_string(cpu);
+            list += list.empty() ? "" : ",";
+            list += std::to_string(cpu);
         }
     }
     return list;

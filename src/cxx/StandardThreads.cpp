@@ -10,15 +10,29 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <pthread.h>
 #include <sched.h>
 #include <system_error>
 #include <thread>
 
+namespace zel::cxx {
+
+// What std::thread::_State is to its callers, as libstdc++'s interface lays it out; the class
+// itself is private from GCC 14 on.
+class Routine {
+public:
+    Routine(const Routine&) = delete;
+    Routine& operator=(const Routine&) = delete;
+    virtual ~Routine();
+    virtual void _M_run() = 0;
+};
+} // namespace zel::cxx
+
 namespace {
 
-using State = std::thread::_State_ptr;
+using State = std::unique_ptr<zel::cxx::Routine>;
 
 void* run(void* arg) {
     const State state{static_cast<State::pointer>(arg)};
