@@ -19,8 +19,8 @@
 namespace {
 
 struct Options {
-    long seconds = 8;
-    long megabytes = 8;
+    double seconds = 8;
+    double megabytes = 8;
     double soak_minutes = 0;
 };
 
@@ -30,7 +30,8 @@ struct Options {
                  "       edge_router --soak MINUTES\n"
                  "  --seconds    how long to measure, at least (8)\n"
                  "  --megabytes  how much each of the four fetches transfers (8)\n"
-                 "  --soak       run under a mixed load and judge what is lost or left behind\n");
+                 "  --soak       run under a mixed load and judge what is lost or left behind\n"
+                 "Fractions are fine.\n");
     std::exit(status);
 }
 
@@ -42,21 +43,15 @@ Options read_options(int argc, char* argv[]) {
                             {}};
     Options options;
     for (int found; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
-        if (found == 'k') {
-            options.soak_minutes = std::strtod(optarg, nullptr);
-            if (!(options.soak_minutes >= 0.1 && options.soak_minutes <= 10'000)) {
-                explain(2);
-            }
-            continue;
-        }
-        long* const value = found == 's'   ? &options.seconds
-                            : found == 'm' ? &options.megabytes
-                                           : nullptr;
+        double* const value = found == 's'   ? &options.seconds
+                              : found == 'm' ? &options.megabytes
+                              : found == 'k' ? &options.soak_minutes
+                                             : nullptr;
         if (value == nullptr) {
             explain(found == 'h' ? 0 : 2);
         }
-        *value = std::strtol(optarg, nullptr, 10);
-        if (*value < 1 || *value > 3600) {
+        *value = std::strtod(optarg, nullptr);
+        if (!(*value >= 0.1 && *value <= 10'000)) {
             explain(2);
         }
     }
@@ -83,11 +78,11 @@ bool run(const Options& options, Checks& checks) {
         return false;
     }
     start_realtime();
-    start_network_clients(static_cast<std::size_t>(options.megabytes) * 1'000'000);
+    start_network_clients(static_cast<std::size_t>(options.megabytes * 1e6));
     show_threads(checks);
     let_network_clients_begin();
-    const std::int64_t end = now_ns() + options.seconds * 1'000'000'000LL;
-    std::printf("\nRunning for %ld s ...\n", options.seconds);
+    const std::int64_t end = now_ns() + static_cast<std::int64_t>(options.seconds * 1e9);
+    std::printf("\nRunning for %g s ...\n", options.seconds);
     while (now_ns() < end || !network_finished()) {
         if (stop_requested_within(50)) {
             return false;
