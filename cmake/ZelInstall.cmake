@@ -75,18 +75,23 @@ install(FILES "${ZEL_GENERATED_DIR}/zelkernel.wrap" "${ZEL_GENERATED_DIR}/zelker
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zelkernel COMPONENT development)
 
 # pkg-config files. They find their prefix from their own place, except below /usr: a system's tree
-# that stands elsewhere is given in PKG_CONFIG_SYSROOT_DIR, which would then be counted twice.
+# that stands elsewhere is given in PKG_CONFIG_SYSROOT_DIR, which would then be counted twice. The
+# library that is kept is named by its file, since Meson resolves the -l that it sees and then drops
+# the -L, and not by a -L beside it, which would put the system's directories before the user's.
 file(RELATIVE_PATH prefix_from_pc "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
 install(CODE "set(relocatable_prefix \"\\\${pcfiledir}/${prefix_from_pc}\")" COMPONENT development)
 install(CODE [[
   if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set(ZEL_PC_PREFIX /usr)
+    set(ZEL_PC_SYSROOT "\${pc_sysrootdir}")
   else()
     set(ZEL_PC_PREFIX "${relocatable_prefix}")
+    set(ZEL_PC_SYSROOT "")
   endif()]] COMPONENT development)
 function(zel_install_pc name summary libs)
   set(ZEL_PC_PREFIX "@ZEL_PC_PREFIX@") # known when it is installed
+  set(ZEL_PC_SYSROOT "@ZEL_PC_SYSROOT@")
   configure_file("${PROJECT_SOURCE_DIR}/cmake/zelkernel.pc.in" "${ZEL_GENERATED_DIR}/${name}.pc.in"
                  @ONLY)
   install(CODE "configure_file(\"${ZEL_GENERATED_DIR}/${name}.pc.in\"
@@ -95,7 +100,7 @@ function(zel_install_pc name summary libs)
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endfunction()
 list(JOIN ZEL_WRAP_OPTIONS " " wrap_options)
-zel_keep_library(kept -lzelkernel)
+zel_keep_library(kept "\${keepdir}/libzelkernel.so")
 zel_install_pc(zelkernel "${PROJECT_DESCRIPTION}" "${wrap_options} ${kept} -lzelkernel")
 zel_install_pc(zelkernel-unwrapped "${PROJECT_DESCRIPTION} (no call is wrapped)" "-lzelkernel")
 list(JOIN ZEL_CXX_LINK_OPTIONS " " cxx_options)
@@ -103,7 +108,7 @@ zel_install_pc(zelkernel-cxx "${PROJECT_DESCRIPTION} (std::thread included)"
   "${cxx_options} -lzelkernel-cxx ${wrap_options} ${kept} -lzelkernel")
 if(TARGET zelkernel_simulated)
   # Nothing refers to it strongly; see platform/simulated/CMakeLists.txt.
-  zel_keep_library(kept -lzelkernel-simulated)
+  zel_keep_library(kept "\${keepdir}/libzelkernel-simulated.so")
   zel_install_pc(zelkernel-simulated "Simulated interrupt controller for libzelkernel on a host"
                  "${kept}")
 endif()
