@@ -20,10 +20,26 @@
 
 #include <pthread.h>
 
+#if !defined(ZEL_HAVE_SDT) && __has_include(<sys/sdt.h>)
+#define ZEL_HAVE_SDT 1
+#elif !defined(ZEL_HAVE_SDT)
+#define ZEL_HAVE_SDT 0
+#endif
+
 #if ZEL_HAVE_SDT
 #define SDT_USE_VARIADIC 1
 #include <sys/sdt.h>
+#ifdef __thumb__
+// The kernel's uprobes write ARM instructions, which in Thumb code would be others: there the point
+// is in a function of its own.
+#define ZEL_PROBE(...)                                                                             \
+    [&]() __attribute__((noinline, target("arm"))) {                                               \
+        STAP_PROBEV(zelkernel, __VA_ARGS__);                                                       \
+    }                                                                                              \
+    ()
+#else
 #define ZEL_PROBE(...) STAP_PROBEV(zelkernel, __VA_ARGS__)
+#endif
 #else
 #define ZEL_PROBE(...) static_cast<void>(0)
 #endif
