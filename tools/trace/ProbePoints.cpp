@@ -59,8 +59,17 @@ private:
         at += provider.size() + 1;
         const std::string name = image_.text(at);
         at += name.size() + 1;
+        const std::uint64_t offset = file_offset(address);
         if (provider == "zelkernel")
-            points.push_back({name, file_offset(address), image_.text(at)});
+            points.push_back({name, offset, image_.text(at), !is_arm() || is_arm_nop(offset)});
+    }
+
+    bool is_arm() const { return header_.e_machine == EM_ARM; }
+
+    // Of ARMv6K and later, and of any before.
+    bool is_arm_nop(std::uint64_t offset) const {
+        const auto instruction = image_.at<std::uint32_t>(offset);
+        return offset % 4 == 0 && (instruction == 0xe320f000 || instruction == 0xe1a00000);
     }
 
     std::uint64_t file_offset(std::uint64_t address) const {

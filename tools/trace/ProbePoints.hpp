@@ -11,6 +11,8 @@ struct ProbePoint {
     std::string name;
     std::uint64_t offset;  // in the file
     std::string arguments; // as the compiler wrote them: "8@%rdi -4@24(%rbx)"
+    // Not so in Thumb code: there the kernel would put an ARM instruction over others.
+    bool can_be_stopped_by;
 };
 
 // What the recorder needs of a library; without probe points when the file has none or is no ELF

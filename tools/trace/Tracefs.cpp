@@ -186,8 +186,12 @@ void Instance::add_probes(const std::string& path, const ProbedFile& file) {
         // A second place of the same kind needs a name of its own.
         const int place = ++places[point.name];
         const std::string name = point.name + (place == 1 ? "" : "__" + std::to_string(place));
-        if (!define_probe(name, path, point.offset, fetch_arguments(point)) ||
-            !switch_event(group_ + "/" + name, true)) {
+        if (!point.can_be_stopped_by) {
+            lacking_.push_back({"the library's " + point.name, "in Thumb code",
+                                "what the library does then is not shown",
+                                "a library whose probe points are ARM code"});
+        } else if (!define_probe(name, path, point.offset, fetch_arguments(point)) ||
+                   !switch_event(group_ + "/" + name, true)) {
             lacking_.push_back({"the library's " + point.name, std::strerror(errno),
                                 "what the library does then is not shown",
                                 "a kernel with CONFIG_UPROBE_EVENTS"});
