@@ -1,6 +1,6 @@
 // A C++ application, linked with the wrapping options against a shared and a static libstdc++, with
 // and without libzelkernel-cxx: what becomes of the standard library's calls. Prints one fact a
-// line.
+// line, or what becomes of the one action that its argument names.
 #include <zelkernel/conditions.h>
 #include <zelkernel/kernel.h>
 #include <zelkernel/locks.h>
@@ -14,9 +14,11 @@
 #include <ctime>
 #include <exception>
 #include <iterator>
+#include <locale>
 #include <mutex>
 #include <new>
 #include <semaphore>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -31,47 +33,125 @@ using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
+int guards_outside_the_library(); // in cpp_wrapping_guards.cpp
+
 namespace {
 
-void fact(const char* what, bool value) {
-    std::printf("%s %s\n", what, value ? "yes" : "no");
+void fact(const char* what, const char* value) {
+    std::printf("%s %s\n", what, value);
 }
 
-// Whether the calling thread is one of the kernel's: in the registry, FIFO at its creator's
-// priority, on processor 0.
-bool caller_is_of_the_kernel() {
-    pthread_t ids[8];
+void fact(const char* what, bool value) {
+    fact(what, value ? "yes" : "no");
+}
+
+bool same_processors_as(pthread_t other) {
+    cpu_set_t own, others;
+    return pthread_getaffinity_np(pthread_self(), sizeof own, &own) == 0 &&
+           pthread_getaffinity_np(other, sizeof others, &others) == 0 && CPU_EQUAL(&own, &others);
+}
+
+bool only_on_processor_0() {
+    cpu_set_t cpus;
+    return pthread_getaffinity_np(pthread_self(), sizeof cpus, &cpus) == 0 &&
+           CPU_COUNT(&cpus) == 1 && CPU_ISSET(0, &cpus);
+}
+
+std::size_t stack_of_caller() {
+    pthread_attr_t attr;
+    std::size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+        pthread_attr_getstacksize(&attr, &size);
+        pthread_attr_destroy(&attr);
+    }
+    return size;
+}
+
+const pthread_t main_thread = pthread_self();
+
+// Whose thread the caller is: the kernel's is in the registry and on processor 0; the system's is
+// where its creator is. Either has its creator's policy and priority.
+const char* kind_of_caller() {
+    pthread_t ids[32];
     unsigned int count = 0;
     getCopyOfCurrentPthreadIds(ids, std::size(ids), &count);
+    const bool registered = std::find(ids, ids + count, pthread_self()) != ids + count;
     int policy = SCHED_OTHER;
     sched_param param{};
-    cpu_set_t cpus;
-    static_cast<void>(pthread_getaffinity_np(pthread_self(), sizeof cpus, &cpus));
+    pthread_attr_t attr;
+    std::size_t default_size = 0;
+    pthread_getattr_default_np(&attr);
+    pthread_attr_getstacksize(&attr, &default_size);
     // By the system's own number: no priorities are known here, so that none is shifted.
-    return std::find(ids, ids + count, pthread_self()) != ids + count &&
-           pthread_getschedparam(pthread_self(), &policy, &param) == 0 && policy == SCHED_FIFO &&
-           param.sched_priority == 1 && CPU_COUNT(&cpus) == 1 && CPU_ISSET(0, &cpus);
+    if (pthread_getschedparam(pthread_self(), &policy, &param) != 0 || policy != SCHED_FIFO ||
+        param.sched_priority != 1 ||
+        !(registered ? only_on_processor_0() : same_processors_as(main_thread)))
+        return "neither";
+    const std::size_t size = stack_of_caller();
+    if (size == 16 * 1024)
+        return registered ? "kernel's-16K" : "system's-16K";
+    if (size == default_size)
+        return registered ? "kernel's" : "system's";
+    return "neither";
 }
 
-std::atomic<int> of_the_kernel;
+std::atomic<const char*> kind;
 
 // Ends a thread that is still running by `call`. The object is never deleted: the destructor of a
 // thread that can be neither joined nor detached terminates the process.
 template<typename Thread>
 bool throws(void (Thread::*call)()) {
-    of_the_kernel = -1;
+    kind = nullptr;
     auto* thread = new Thread([] {
-        of_the_kernel = caller_is_of_the_kernel();
-        of_the_kernel.notify_one();
+        kind = kind_of_caller();
+        kind.notify_one();
         std::this_thread::sleep_for(20ms);
     });
-    of_the_kernel.wait(-1);
+    kind.wait(nullptr);
     try {
         (thread->*call)();
         return false;
     } catch (const std::system_error&) {
         return true;
     }
+}
+
+// As another thread finds it.
+template<typename Mutex>
+bool is_free(Mutex& mutex) {
+    static std::atomic<int> taken;
+    taken = -1;
+    pthread_t id{};
+    const auto routine = [](void* arg) -> void* {
+        auto* shared = static_cast<Mutex*>(arg);
+        const bool locked = shared->try_lock();
+        if (locked)
+            shared->unlock();
+        taken = locked;
+        taken.notify_one();
+        return nullptr;
+    };
+    pthread_create(&id, nullptr, routine, &mutex);
+    taken.wait(-1);
+    return taken == 1;
+}
+
+// A wrapped call does nothing, and says that it has done it, while the locks are switched off.
+template<typename Mutex>
+bool is_redirected() {
+    Mutex mutex;
+    zel_disable_posix_locks();
+    mutex.lock();
+    const bool tried = mutex.try_lock();
+    zel_enable_posix_locks();
+    const bool not_locked = tried && is_free(mutex);
+    mutex.lock();
+    zel_disable_posix_locks();
+    mutex.unlock();
+    zel_enable_posix_locks();
+    const bool not_unlocked = !is_free(mutex);
+    mutex.unlock();
+    return not_locked && not_unlocked && is_free(mutex);
 }
 
 // A little less counts, too: the clocks are not the same.
@@ -85,6 +165,59 @@ bool takes_30_ms(auto&& wait) {
 int recursive_static(int depth) {
     static const int value = depth == 0 ? 0 : recursive_static(depth - 1);
     return value;
+}
+
+// To another thread and back; without one of the notifications this does not end.
+bool waits_are_notified() {
+    static std::mutex mutex;
+    static std::condition_variable there, back;
+    static int turn = 0;
+    pthread_t id{};
+    const auto routine = [](void*) -> void* {
+        std::unique_lock lock(mutex);
+        turn = 1;
+        back.notify_all();
+        there.wait(lock, [] { return turn == 2; });
+        turn = 3;
+        back.notify_one();
+        return nullptr;
+    };
+    std::unique_lock lock(mutex);
+    pthread_create(&id, nullptr, routine, nullptr);
+    back.wait(lock, [] { return turn == 1; });
+    turn = 2;
+    there.notify_one();
+    back.wait(lock, [] { return turn == 3; });
+    return true;
+}
+
+std::chrono::nanoseconds kernel_time() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
+}
+
+const char* start_of_steady_clock() {
+    const auto before = kernel_time();
+    const auto now = steady_clock::now().time_since_epoch();
+    const auto after = kernel_time();
+    const std::chrono::nanoseconds start{starttimeInNs};
+    if (before <= now && now <= after)
+        return "kernel-start";
+    return before + start <= now && now <= after + start ? "boot" : "neither";
+}
+
+// Read by the C library itself, whose own call nothing redirects.
+system_clock::duration system_time() {
+    timespec now{};
+    static_cast<void>(std::timespec_get(&now, TIME_UTC));
+    return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
+}
+
+bool system_clock_is_right() {
+    const auto before = system_time();
+    const auto now = system_clock::now().time_since_epoch();
+    return before <= now && now <= system_time();
 }
 
 bool static_objects_are_guarded_by_the_library() {
@@ -118,34 +251,62 @@ bool a_wait_on_the_system_clock_leaves_an_entry(std::unique_lock<std::mutex>& lo
     return !waited;
 }
 
+// Of what may end the process, and therefore gets one to itself.
+const char* outcome_of(std::string_view action) {
+    const auto routine = [] { std::this_thread::sleep_for(20ms); };
+    if (action == "jthread-destructor") {
+        const std::jthread thread(routine);
+    } else if (action == "destructor-after-join") {
+        std::thread thread(routine);
+        try {
+            thread.join();
+        } catch (const std::system_error&) {
+            return "throws"; // by way of the destructor
+        }
+    } else {
+#ifdef HAS_FUTURES
+        return std::async(std::launch::async, kind_of_caller).get();
+#endif
+    }
+    return "returns";
+}
+
 } // namespace
 
-int main() {
+int main(int argc, const char* const* argv) {
     // As after start-up, but for the kernel's own threads: a creator under SCHED_FIFO, without
     // which a thread without attributes is refused, and an application's clock that starts now.
     const sched_param lowest{.sched_priority = 1};
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &lowest);
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    starttimeInNs = std::int64_t{now.tv_sec} * 1'000'000'000;
+    starttimeInNs = std::chrono::floor<std::chrono::seconds>(kernel_time()) / 1ns;
 
+    if (argc > 1) {
+        std::puts(outcome_of(argv[1]));
+        return 0;
+    }
     fact("join-throws", throws(&std::thread::join));
     fact("detach-throws", throws(&std::thread::detach));
-    fact("thread-of-kernel", of_the_kernel != 0);
+    fact("thread", kind);
     fact("jthread-join-throws", throws(&std::jthread::join));
-    fact("jthread-of-kernel", of_the_kernel != 0);
+    fact("jthread-detach-throws", throws(&std::jthread::detach));
+    fact("jthread", kind);
 
-    std::mutex mutex;
-    zel_disable_posix_locks(); // a wrapped lock does nothing now
-    mutex.lock();
-    zel_enable_posix_locks();
-    fact("mutex-wrapped", mutex.try_lock());
-    fact("static-guard-wrapped", static_objects_are_guarded_by_the_library());
+    fact("mutex-redirected", is_redirected<std::mutex>());
+    fact("recursive-mutex-redirected", is_redirected<std::recursive_mutex>());
+    fact("static-guarded-by-library", static_objects_are_guarded_by_the_library());
+    const int guards = guards_outside_the_library();
+    std::locale::global(std::locale::classic()); // has a mutex that is a local static object
+    fact("libstdc++-static-guarded-by-library", guards_outside_the_library() == guards);
 
-    fact("steady-clock-wrapped", steady_clock::now().time_since_epoch() < 3s);
+    fact("steady-clock-from", start_of_steady_clock());
+    fact("system-clock-right", system_clock_is_right());
+    fact("waits-are-notified", waits_are_notified());
     std::condition_variable condition;
-    std::unique_lock lock(mutex, std::adopt_lock);
+    std::mutex mutex;
+    std::unique_lock lock(mutex);
     fact("wait-for-waits", takes_30_ms([&] { condition.wait_for(lock, 30ms); }));
+    fact("wait-until-steady-clock-waits",
+         takes_30_ms([&] { condition.wait_until(lock, steady_clock::now() + 30ms); }));
     std::timed_mutex timed;
     timed.lock();
     fact("try-lock-for-waits", takes_30_ms([&] { static_cast<void>(timed.try_lock_for(30ms)); }));
@@ -154,14 +315,12 @@ int main() {
     fact("wait-until-system-clock-waits",
          takes_30_ms([&] { condition.wait_until(lock, system_clock::now() + 30ms); }));
     fact("wait-until-system-clock-leaves-entry", a_wait_on_the_system_clock_leaves_an_entry(lock));
+    fact("sleep-for-sleeps", takes_30_ms([] { std::this_thread::sleep_for(30ms); }));
     fact("sleep-until-sleeps",
          takes_30_ms([] { std::this_thread::sleep_until(steady_clock::now() + 30ms); }));
 
 #ifdef HAS_FUTURES
     std::promise<int> never;
     fact("future-waits", takes_30_ms([&] { never.get_future().wait_for(30ms); }));
-    // Last: where its thread cannot be joined, the end of the future ends the process.
-    std::fflush(stdout);
-    fact("async-of-kernel", std::async(std::launch::async, caller_is_of_the_kernel).get());
 #endif
 }

@@ -53,29 +53,39 @@ class CheckWraps(unittest.TestCase):
             self.skipTest("no right to real-time priorities")
         programs = ["SHARED_ZELKERNEL", "STATIC_ZELKERNEL", "SHARED_CXX", "STATIC_CXX"]
         facts = {
-            "thread-of-kernel": "no yes yes yes", "jthread-of-kernel": "no yes yes yes",
-            "async-of-kernel": "no - yes yes",  # ends the process with the static library alone
+            "thread": "system's kernel's-16K kernel's kernel's", "jthread": "system's kernel's-16K kernel's kernel's",
             "join-throws": "no yes no no", "detach-throws": "no yes no no",
-            "jthread-join-throws": "no yes no no",
-            "mutex-wrapped": "yes yes yes yes", "static-guard-wrapped": "yes yes yes yes",
-            "steady-clock-wrapped": "no yes no no",
-            "wait-for-waits": "yes no yes yes", "try-lock-for-waits": "yes no yes yes",
-            "future-waits": "yes no yes yes", "semaphore-waits": "yes yes yes yes",
-            "wait-until-system-clock-waits": "yes yes yes yes",
+            "jthread-join-throws": "no yes no no", "jthread-detach-throws": "no yes no no",
+            "mutex-redirected": "yes yes yes yes", "recursive-mutex-redirected": "yes yes yes yes",
+            "steady-clock-from": "boot kernel-start boot boot",
+            "wait-for-waits": "yes no yes yes", "wait-until-steady-clock-waits": "yes no yes yes",
+            "try-lock-for-waits": "yes no yes yes", "future-waits": "yes no yes yes",
+            "semaphore-waits": "yes yes yes yes", "wait-until-system-clock-waits": "yes yes yes yes",
             "wait-until-system-clock-leaves-entry": "yes no no no",
-            "sleep-until-sleeps": "yes yes yes yes",
+            "waits-are-notified": "yes yes yes yes", "system-clock-right": "yes yes yes yes",
+            "sleep-for-sleeps": "yes yes yes yes", "sleep-until-sleeps": "yes yes yes yes",
+            "static-guarded-by-library": "yes yes yes yes",
+            "libstdc++-static-guarded-by-library": "no yes no yes",
+        }
+        outcomes = {
+            "destructor-after-join": "returns aborts returns returns",
+            "jthread-destructor": "returns aborts returns returns", "async": "system's aborts kernel's kernel's",
         }
         if "arm-linux-gnueabi-" in CC:  # see cpp_wrapping.cpp
-            del facts["async-of-kernel"], facts["future-waits"]
+            del facts["future-waits"], outcomes["async"]
         rules = [{"libstdc++-thread", "libstdc++-clock", "libstdc++-condition"}, {"detached-thread"}, set(), set()]
         for column, program in enumerate(programs):
             path = os.environ["CPP_WRAPPING_" + program]
-            seen = run(*os.environ["EMULATOR"].split(), path)
+            command = [*os.environ["EMULATOR"].split(), path]
             with self.subTest(program):
-                expected = {fact: states.split()[column] for fact, states in facts.items()}
-                self.assertEqual(dict(line.split() for line in seen.stdout.splitlines()),
-                                 {f: state for f, state in expected.items() if state != "-"}, seen.stderr)
-                self.assertEqual(seen.returncode != 0, "-" in expected.values(), seen.stderr)
+                result = run(*command)
+                self.assertEqual(result.returncode, 0, result.stderr)
+                seen = dict(line.split() for line in result.stdout.splitlines())
+                for action in outcomes:
+                    result = run(*command, action)
+                    aborts = result.returncode == -signal.SIGABRT
+                    seen[action] = "aborts" if aborts else result.stdout.strip()
+                self.assertEqual(seen, {f: states.split()[column] for f, states in (facts | outcomes).items()})
                 found = {rule for _, rule in check_wraps(path)[1]}
                 self.assertEqual(found, rules[column] | {"explicit-clock"})
 
