@@ -37,6 +37,7 @@ public:
 
 private:
     bool receive_packet(const ReadyDevice& device);
+    static bool goes_on_after(int error);
     bool drain_wakeup_pipe();
 
     TunRxCallbacks callbacks_;
@@ -68,19 +69,28 @@ bool Receiver::receive_packet(const ReadyDevice& device) {
     zel_statistics_device& counters = device.descriptor->counters();
     if (handle == nullptr) {
         count(counters.dropped_packets);
-        return read(fd, scratch_, 1) >= 0 || errno != EBADFD;
+        return read(fd, scratch_, 1) >= 0 || goes_on_after(errno);
     }
     const ssize_t length = read(fd, data, static_cast<size_t>(device.mtu));
     if (length < 0) {
-        const bool is_gone = errno == EBADFD;
+        const int error = errno;
         callbacks_.free_buffer(handle);
-        return !is_gone;
+        return goes_on_after(error);
     }
     count(counters.received_packets);
     count(counters.received_bytes, static_cast<uint32_t>(length));
     ZEL_PROBE(packet_read, device.descriptor->ip_version(), device.descriptor->index(), length);
     callbacks_.receive(device.descriptor->index(), handle, static_cast<int>(length));
     return true;
+}
+
+// A device that Linux is taking away is ready without a packet for as long as the rest of the
+// kernel needs to let go of it. On a board's only processor that never ends unless it gets the
+// processor.
+bool Receiver::goes_on_after(int error) {
+    if (error == EAGAIN)
+        usleep(1000);
+    return error != EBADFD;
 }
 
 bool Receiver::drain_wakeup_pipe() {
