@@ -55,7 +55,9 @@ void ping(Client& client, const char* address) {
     const std::size_t comma = output.find(", ");
     const int received =
         comma == std::string::npos ? 0 : std::atoi(output.c_str() + comma + sizeof ", " - 1);
-    client.checks.expect(received == count, text("%s: ping %s: %d of %d replies",
+    // With a limit of time ping goes on sending until it has `count` replies, and a slow machine
+    // may hand it several more at once.
+    client.checks.expect(received >= count, text("%s: ping %s: %d of %d replies",
                                                  client.instance->name, address, received, count));
 }
 

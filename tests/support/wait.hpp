@@ -10,8 +10,10 @@
 namespace zel::test {
 
 // Waits for a condition that other threads or processes bring about; false when it does not come.
+// The limit is for what never comes: a dozen of ip's and iptables' commands take half a minute on
+// an emulated board.
 template<typename Condition>
-bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds{20}) {
+bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds{100}) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
