@@ -136,16 +136,18 @@ TEST(Creation, ThatIsRefusedSaysWhyAndLeavesNothingBehind) {
 
 TEST(Creation, ReportsAFailingStepAndGoesOn) {
     ASSERT_TRUE(become_fifo(2));
-    // A stack and priority of the caller's make every step run.
-    void* stack =
-        mmap(nullptr, 1 << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    Attributes attr{3};
-    real::pthread_attr_setstack(attr, stack, 1 << 20);
-    const auto expect = [&](auto& hook, std::initializer_list<const char*> failing,
-                            const char* also = "") {
+    const auto expect = [](auto& hook, std::initializer_list<const char*> failing,
+                           const char* also = "") {
         std::string lines;
         for (const char* step : failing)
             lines += "__w_pthread_" + std::string{step} + ": Operation not supported\n";
+        // A stack and priority of the caller's make every step run. A new stack each time: a thread
+        // that is out of the registry is still on its own.
+        Attributes attr{3};
+        real::pthread_attr_setstack(
+            attr,
+            mmap(nullptr, 1 << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0),
+            1 << 20);
         hook = [](auto...) { return ENOTSUP; };
         Capture printed{2};
         EXPECT_EQ(__wrap_pthread_create(nullptr, attr, do_nothing, nullptr), 0);
