@@ -331,6 +331,8 @@ class Doctor(unittest.TestCase):
                 "script": legacy + TUN.format(600),
                 "prefix": as_user("sys_nice net_admin sys_admin dac_override net_raw")}),
         ]
+        if os.environ["EMULATOR"]:  # whose file's capabilities count
+            cases = [case for case in cases if "setcap" not in case[3].get("script", "")]
         results = diagnose_each([case[3] for case in cases])
         for (missing, not_tried, kernel, where, *lacking), (status, found) in zip(cases, results):
             with self.subTest(where):
