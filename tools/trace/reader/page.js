@@ -103,14 +103,22 @@ svg.addEventListener("wheel", event => {
   event.preventDefault();
   zoom(1.002 ** event.deltaY, timeAt(event));
 }, {passive: false});
-let grip = null;
-svg.addEventListener("pointerdown", event => { grip = {x: event.clientX, t: view.t}; });
+let grip = null, isDragged = false;
+svg.addEventListener("pointerdown", event => {
+  isDragged = false;
+  if (event.button === 0) grip = {x: event.clientX, t: view.t};
+});
 addEventListener("pointerup", () => { grip = null; });
 addEventListener("pointermove", event => {
+  if (event.buttons === 0) grip = null;
   if (grip === null) return;
-  const scale = view.d / width * 1200 / svg.getBoundingClientRect().width;
-  show(grip.t - (event.clientX - grip.x) * scale, view.d);
+  const distance = event.clientX - grip.x;
+  isDragged ||= Math.abs(distance) > 3;
+  show(grip.t - distance * view.d / width * 1200 / svg.getBoundingClientRect().width, view.d);
 });
+// A mark is a link: who drags by it does not want to follow it, nor to take it elsewhere.
+svg.addEventListener("click", event => { if (isDragged) event.preventDefault(); });
+svg.addEventListener("dragstart", event => event.preventDefault());
 const keys = {
   "+": () => zoom(0.5), "-": () => zoom(2), "0": () => show(whole.t, whole.d),
   ArrowLeft: () => show(view.t - view.d / 5, view.d),
