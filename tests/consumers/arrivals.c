@@ -3,11 +3,8 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <signal.h>
 #include <stdio.h>
-#include <sys/time.h>
 #include <time.h>
-#include <unistd.h>
 #include <zelkernel/kernel.h>
 #include <zelkernel/threads.h>
 #include <zelkernel/version.h>
@@ -38,19 +35,6 @@ static int start_thread(const pthread_attr_t* attr) {
     return 0;
 }
 
-static void ignore(int signal) {
-    (void)signal;
-}
-
-static void sleep_through_signal(void) {
-    signal(SIGALRM, ignore);
-    /* One falls into the sleep, however late that begins. */
-    const struct timeval often = {.tv_usec = 50000};
-    const struct itimerval alarms = {.it_interval = often, .it_value = often};
-    setitimer(ITIMER_REAL, &alarms, NULL);
-    report("usleep", usleep(200000) == 0);
-}
-
 static void read_clock(void) {
     struct timespec before;
     struct timespec after;
@@ -75,7 +59,7 @@ int main(void) {
     pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
     if (pthread_attr_setschedparam(&attr, &lowest) != 0 || start_thread(&attr) != 0)
         return 1;
-    sleep_through_signal();
+    report("pthread_setname_np", pthread_setname_np(pthread_self(), "longer than fifteen") == 0);
     read_clock();
     printf("interrupt platform: %s\n",
            dlsym(RTLD_DEFAULT, "openLinuxInterruptPulseFd") ? "simulated" : "none");

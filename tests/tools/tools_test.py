@@ -161,11 +161,9 @@ class CheckWraps(unittest.TestCase):
         self.assertEqual(check_wraps(unit)[1], {("bitcode.o", "not-judged"): []})
         self.assertEqual(check_wraps(archive)[1], {("libbitcode.a(bitcode.o)", "not-judged"): []})
         source = "#include <unistd.h>\nint main(void) { return usleep(1); }"
-        # The linker leaves the names that it has redirected undefined.
+        # Some versions of the linker leave the names that it has redirected undefined.
         program = self.build("program", source, target, "-flto", "-fuse-ld=lld", "-Wl,--wrap=usleep",
                              "-Wl,--wrap=sleep", "-Wl,--no-as-needed", os.environ["LIBRARY"], compiler="clang")
-        left = {line.split()[-1] for line in run("nm", "-D", "--undefined-only", program).stdout.splitlines()}
-        self.assertTrue(any(name.startswith("usleep") for name in left), left)
         self.assertEqual(check_wraps(program)[1], {})
 
     def test_needed_libraries(self):

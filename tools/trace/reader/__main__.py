@@ -67,8 +67,16 @@ def main():
         print(as_json(report) if options.json else "\n".join(text(report)))
 
 
-if __name__ == "__main__":
+def run():
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
-    main()
-    sys.stdout.flush()
-    os._exit(0)  # millions of small objects take long to go one by one
+    try:
+        main()
+        sys.stdout.flush()
+    except OSError as error:
+        print(f"zelkernel-trace: the output cannot be written: {error.strerror}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    os._exit(run())  # millions of small objects take long to go one by one
