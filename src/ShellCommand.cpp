@@ -7,12 +7,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 #include <utility>
 
 namespace {
 
-// The calls below are cancellation points: a thread that is cancelled there leaves neither
+// The calls on the stream are cancellation points: a thread that is cancelled there leaves neither
 // the descriptor nor the command's process behind.
 class Command {
 public:
@@ -35,18 +34,17 @@ private:
     FILE* stream_ = nullptr;
 };
 
-// Reads until the end or until `room` characters are stored. A signal handler of the application
-// without SA_RESTART must not cut the text short. Past the stream's own buffer, which an exit() of
-// another thread takes away under a thread that reads into it.
-size_t capture(int fd, char* output, size_t room) {
+// Reads until the end of the stream or until `room` characters are stored. A signal handler of the
+// application without SA_RESTART must not cut the text short. Without a buffer of the stream's own:
+// an exit() of another thread takes that away under the thread that reads into it.
+size_t capture(FILE* stream, char* output, size_t room) {
+    std::setvbuf(stream, nullptr, _IONBF, 0);
     size_t length = 0;
     while (length < room) {
-        const ssize_t count = read(fd, output + length, room - length);
-        if (count > 0) {
-            length += static_cast<size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
+        length += std::fread(output + length, 1, room - length, stream);
+        if (!std::ferror(stream) || errno != EINTR)
             break;
-        }
+        std::clearerr(stream);
     }
     return length;
 }
@@ -62,7 +60,7 @@ int zel_run_command(const char* command, char* output, size_t output_size) {
     }
     if (output == nullptr || output_size == 0)
         return running.close();
-    const size_t length = capture(fileno(running.stream()), output, output_size - 1);
+    const size_t length = capture(running.stream(), output, output_size - 1);
     output[length] = '\0';
     const int status = running.close();
     if (status != -1)
