@@ -21,6 +21,7 @@ EXTRA_OECMAKE = "-DZELKERNEL_BUILD_TESTS=OFF -DZELKERNEL_BUILD_PLATFORM=OFF"
 
 # sys/sdt.h, the header of the probe points that zelkernel-trace records.
 PACKAGECONFIG ??= "probes"
+PACKAGECONFIG:class-native = ""
 PACKAGECONFIG[probes] = ",,systemtap"
 
 # zelkernel-native: what runs where applications are built. Nothing of it is compiled.
