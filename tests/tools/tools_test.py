@@ -424,7 +424,7 @@ class Top(unittest.TestCase):
 
 class Output(unittest.TestCase):
     def test_that_cannot_be_written(self):
-        for name, status in (("CHECK_WRAPS", 2), ("DOCTOR", 2), ("TOP", 1)):
+        for name, status in (("CHECK_WRAPS", 2), ("DOCTOR", 2), ("TOP", 1), ("TRACE", 1)):
             for option in "--version", "--help":
                 with self.subTest((name, option)), open("/dev/full", "w", encoding="ascii") as full:
                     result = subprocess.run([os.environ[name], option], stdout=full, check=False,

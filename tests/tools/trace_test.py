@@ -319,6 +319,13 @@ class Trace(unittest.TestCase):
                        stdout=subprocess.DEVNULL, check=True)
         self.assertEqual(traces(), [])
 
+    def test_report_that_cannot_be_written(self):
+        with open("/dev/full", "w", encoding="ascii") as full:
+            result = subprocess.run([*TRACE, "report", self.file], stdout=full, check=False,
+                                    stderr=subprocess.PIPE, text=True)
+        self.assertEqual((result.returncode, result.stderr), (1, "zelkernel-trace: the output cannot "
+                                                              "be written: No space left on device\n"))
+
     def test_usage(self):
         for arguments in ([], ["record"], ["record", "1", "2"], ["record", "--buffer", "1", "1"],
                           ["record", "--seconds", "x", "1"], ["record", "--"], ["play"]):

@@ -1,5 +1,6 @@
 // zelkernel-trace: records what an application and the kernel below it do. Report and export are a
 // Python program, for which this one only stands at the door: the target records without it.
+#include "../Output.hpp"
 #include "Cost.hpp"
 #include "Process.hpp"
 #include "Symbols.hpp"
@@ -34,7 +35,8 @@ constexpr const char* usage =
     "Shows why an application's ticks, interrupts and threads were late.\n"
     "  -o FILE       the recording (zelkernel.trace)\n"
     "  --seconds N   how long to record (10); ends with the application, too\n"
-    "  --buffer KIB  memory for each processor (16384); the newest events are kept\n";
+    "  --buffer KIB  memory for each processor (16384); the newest events are kept\n"
+    "  --help, --version\n";
 
 enum Status { ok = 0, failed = 1, misused = 2 };
 
@@ -323,7 +325,12 @@ int main(int argc, char** argv) {
         return record(options);
     if (what == "report" || what == "export")
         return read(argv);
-    const bool asked = what == "--help";
-    std::fputs(usage, asked ? stdout : stderr);
-    return asked ? ok : misused;
+    const bool asked = argc == 2 && (what == "--help" || what == "--version");
+    if (!asked) {
+        std::fputs(usage, stderr);
+        return misused;
+    }
+    zel::tools::end_with_the_reader();
+    std::fputs(what == "--help" ? usage : "zelkernel-trace " ZEL_TOOLS_VERSION "\n", stdout);
+    return zel::tools::is_written("zelkernel-trace") ? ok : failed;
 }
