@@ -238,7 +238,8 @@ std::string record_with(Instance& instance, const Options& options, Library libr
         if (library.base == 0)
             library.base = base_of(options.process, library.path);
         const std::string latest = describe(options.process, library, file.priorities);
-        if (latest.find("\nthread") == std::string::npos || library.base == 0)
+        // A process that is ending has threads for a while, but no memory any more.
+        if (latest.find("\nmap ") == std::string::npos || library.base == 0)
             return;
         facts = latest;
         for (const auto& [path, base] : application_files(options.process)) {
