@@ -88,7 +88,7 @@ const char* kind_of_caller() {
         !(registered ? only_on_processor_0() : same_processors_as(main_thread)))
         return "neither";
     const std::size_t size = stack_of_caller();
-    if (size == 16 * 1024)
+    if (size == 16'384)
         return registered ? "kernel's-16K" : "system's-16K";
     if (size == default_size)
         return registered ? "kernel's" : "system's";

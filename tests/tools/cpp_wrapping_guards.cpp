@@ -6,9 +6,9 @@ namespace {
 std::atomic<int> count;
 }
 
-extern "C" int __cxa_guard_acquire(unsigned char* guard);
+extern "C" int __cxa_guard_acquire(const unsigned char* guard);
 
-int __cxa_guard_acquire(unsigned char* guard) {
+int __cxa_guard_acquire(const unsigned char* guard) {
     ++count;
     return __atomic_load_n(guard, __ATOMIC_ACQUIRE) == 0;
 }
