@@ -51,6 +51,12 @@ class Activities:
                 return name, start
         return None
 
+    def replace(self, time, opened):
+        """Others are under way from now on; gives those until now."""
+        self.change(time)
+        before, self.open = self.open, opened
+        return before
+
 
 class Timeline:
     """`spans` and the like are sorted by their ends."""
@@ -66,6 +72,7 @@ class Timeline:
         self.tick_timer = None
         self.expiries = defaultdict(list)
         self._now, self._on, self._expires, self._fired, self._waits = {}, {}, {}, {}, {}
+        self._aside = {}
         events = recording.events
         self.begin = events[0].time if events else 0
         self.end = events[-1].time if events else 0
@@ -155,6 +162,13 @@ class Timeline:
         if time > since:
             self.processors[cpu].append(Run(since, time, before))
         self._on[cpu] = (after, time)
+        # A real-time kernel serves soft interrupts and most timers in threads, which may be left
+        # amid it, and go on with it later.
+        opened, fired = self._aside.pop(after or (0, cpu), ([], None))
+        self._aside[before or (0, cpu)] = (self.interrupts[cpu].replace(time, opened),
+                                           self._fired.pop(cpu, None))
+        if fired is not None:
+            self._fired[cpu] = fired
         if before:
             self.know(before, fields["prev_comm"], fields["prev_prio"])
             if before not in self._now:
