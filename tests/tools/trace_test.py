@@ -23,6 +23,7 @@ RECORDED = os.environ.get("RECORDED")
 MACHINE = """set -e
 mount -t tmpfs none /run && mkdir /run/netns /run/tracing
 mount -t tracefs none /run/tracing || { echo "$0: Skipped"; echo "no tracefs"; exit 0; }
+[ "$(stat -Lc %i /proc/self/ns/pid)" = 4026531836 ] || { echo "$0: Skipped"; echo "in a container"; exit 0; }
 exec "$@"
 """
 TRACING = "/run/tracing"
@@ -333,6 +334,10 @@ class Trace(unittest.TestCase):
             with self.subTest(arguments):
                 result = subprocess.run([*TRACE, *arguments], capture_output=True, check=False)
                 self.assertEqual((result.returncode, result.stdout), (2, b""))
+        contained = subprocess.run(["unshare", "--pid", "--fork", *TRACE, "record", "--", LATE],
+                                   capture_output=True, text=True, check=False)
+        self.assertIn("container (PID namespace)", contained.stderr)
+        self.assertEqual(contained.returncode, 1)
 
 
 if __name__ == "__main__":

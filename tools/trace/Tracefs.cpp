@@ -95,9 +95,19 @@ unsigned long statistic(const std::string& text, const char* name) {
                : std::strtoul(text.c_str() + at + std::strlen(name), nullptr, 10);
 }
 
+// In another one, threads have other numbers than in the kernel's events, and the recorders of the
+// rest of the machine look dead.
+bool is_in_first_pid_namespace() {
+    constexpr ino_t first = 0xEFFFFFFC; // the same in every kernel
+    struct stat status {};
+    return stat("/proc/self/ns/pid", &status) != 0 || status.st_ino == first;
+}
+
 std::string enter_tracefs() {
     if (geteuid() != 0)
         return "tracing needs root (tracefs, uprobes): run this as root";
+    if (!is_in_first_pid_namespace())
+        return "this is a container (PID namespace): run this on the machine itself";
     if (access(tracefs.c_str(), F_OK) != 0)
         return "this kernel has no tracefs: it needs CONFIG_FTRACE and CONFIG_UPROBE_EVENTS";
     const bool is_mounted = access((tracefs + "/instances").c_str(), W_OK) == 0;
