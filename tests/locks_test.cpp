@@ -129,6 +129,7 @@ TEST(Mutex, InheritsPriorityAndALockIsRetriedOnATimeoutAlone) {
 TEST(Locks, AreTakenByEveryOperationThatTouchesSharedState) {
     static pthread_cond_t cond;
     static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    static const auto empty = reinterpret_cast<zel_word_t>(&Empty);
     enum Module { Registry, Conditions, Network, KernelCalls, Lockless };
     const struct {
         Module module;
@@ -165,8 +166,8 @@ TEST(Locks, AreTakenByEveryOperationThatTouchesSharedState) {
         {Lockless, [] { zel_tun_ipv4_packet_send(3, "", 1); }},
         {Network, [] { zel_tun_ipv4_destroy(nullptr, 0, "red", 3); }},
         {Network, [] { zel_vrf_destroy(nullptr, 0, "red"); }, 0, 1},
-        {KernelCalls, [] { kcall_enqueue(0, 0, 0, 0); }},
-        {KernelCalls, [] { kcall_dequeue(0, 0, 0, 0); }},
+        {KernelCalls, [] { kcall_enqueue(empty, 0, 0, 0); }},
+        {KernelCalls, [] { kcall_dequeue(empty, 0, 0, 0); }},
     };
     kernel_priorities.kcall_thread_priority = 50;
     kcall_initialize_queue(nullptr, 4'000'000);
