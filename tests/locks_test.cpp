@@ -36,7 +36,9 @@ Locking locking_of(void (*operation)(), bool turn_off_inside = false) {
             --seen->held;
         return real::pthread_mutex_unlock(mutex);
     };
-    interposed::popen = [](const char*, const char* mode) {
+    interposed::popen = [](const char* command, const char* mode) {
+        if (seen == nullptr) // the kernel-call thread looks for its processors
+            return real::popen(command, mode);
         ++(seen->held != 0 ? seen->commands_inside : seen->commands_outside);
         return real::popen(":", mode);
     };
