@@ -259,6 +259,16 @@ std::string record_with(Instance& instance, const Options& options, Library libr
     return facts + describe_losses(instance.directory());
 }
 
+// One that has just been started may not have loaded its libraries yet.
+Library library_of_process(pid_t process) {
+    Library library = find_library(process);
+    for (int looks = 0; looks < 100 && library.path.empty() && !has_ended(process); ++looks) {
+        usleep(20'000);
+        library = find_library(process);
+    }
+    return library;
+}
+
 int record(Options options) {
     sigset_t signals;
     sigemptyset(&signals);
@@ -276,7 +286,7 @@ int record(Options options) {
     } else if (has_ended(options.process)) {
         fail("there is no process " + std::to_string(options.process));
     } else {
-        library = find_library(options.process);
+        library = library_of_process(options.process);
     }
     if (library.path.empty()) {
         fail("no libzelkernel with probe points is loaded: is this the application itself, and was "
