@@ -9,6 +9,7 @@
 #include "KernelState.hpp"
 #include "Probes.hpp"
 #include "Statistics.hpp"
+#include "TracedLock.hpp"
 #include "Uptime.hpp"
 
 #include <zelkernel/affinity.h>
@@ -53,23 +54,9 @@ pthread_t kcall_thread;
 // The period in nanoseconds; all zero leaves the timer unarmed.
 timespec tick_period;
 
-[[gnu::cold]] void wait_for_queue() {
-    ZEL_PROBE(lock_wait, &kcall_mutex);
-    pthread_mutex_lock(&kcall_mutex);
-    ZEL_PROBE(lock_taken, &kcall_mutex);
-}
-
-void lock_queue() {
-    if (zel::is_held(&kcall_mutex)) [[unlikely]] {
-        wait_for_queue();
-    } else {
-        pthread_mutex_lock(&kcall_mutex);
-    }
-}
-
 class QueueLock {
 public:
-    QueueLock() { lock_queue(); }
+    QueueLock() { zel::lock(&kcall_mutex); }
     ~QueueLock() { pthread_mutex_unlock(&kcall_mutex); }
     QueueLock(const QueueLock&) = delete;
     QueueLock& operator=(const QueueLock&) = delete;
@@ -79,7 +66,7 @@ public:
 class QueueUnlock {
 public:
     QueueUnlock() { pthread_mutex_unlock(&kcall_mutex); }
-    ~QueueUnlock() { lock_queue(); }
+    ~QueueUnlock() { zel::lock(&kcall_mutex); }
     QueueUnlock(const QueueUnlock&) = delete;
     QueueUnlock& operator=(const QueueUnlock&) = delete;
 };

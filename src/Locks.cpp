@@ -2,7 +2,7 @@
 #include "PosixLock.hpp"
 #include "PosixLocksSwitch.hpp"
 #include "PriorityShift.hpp"
-#include "Probes.hpp"
+#include "TracedLock.hpp"
 
 #include <zelkernel/locks.h>
 
@@ -17,25 +17,12 @@ using zel::posix_locks_are_on;
 
 namespace {
 
-int lock_at_once_or_wait(pthread_mutex_t* mutex) {
+int lock(pthread_mutex_t* mutex) {
     int result = 0;
     do {
-        result = pthread_mutex_lock(mutex);
+        result = zel::lock(mutex);
     } while (result == ETIMEDOUT);
     return result;
-}
-
-[[gnu::cold]] int wait_for_lock(pthread_mutex_t* mutex) {
-    ZEL_PROBE(lock_wait, mutex);
-    const int result = lock_at_once_or_wait(mutex);
-    ZEL_PROBE(lock_taken, mutex);
-    return result;
-}
-
-int lock(pthread_mutex_t* mutex) {
-    if (zel::is_held(mutex)) [[unlikely]]
-        return wait_for_lock(mutex);
-    return lock_at_once_or_wait(mutex);
 }
 
 } // namespace
@@ -47,7 +34,7 @@ PosixLock::PosixLock(pthread_mutex_t& mutex) : mutex_(mutex) {
 }
 
 void PosixLock::acquire() {
-    held_ = posix_locks_are_on() && lock(&mutex_) == 0;
+    held_ = posix_locks_are_on() && ::lock(&mutex_) == 0;
 }
 
 int PosixLock::release() {

@@ -14,11 +14,9 @@
 //   thread_begin, thread_end        start routine, argument: in the thread
 //   thread_named                    pthread_t, text
 //   packet_read, packet_sent        IP version, interface index, bytes
-//   lock_wait, lock_taken           mutex: only of a lock that another thread holds
+//   lock_wait, lock_taken           mutex: only of a lock that is held (src/TracedLock.hpp)
 //   command_begin, command_end      text
 #pragma once
-
-#include <pthread.h>
 
 #if !defined(ZEL_HAVE_SDT) && __has_include(<sys/sdt.h>)
 #define ZEL_HAVE_SDT 1
@@ -43,13 +41,3 @@
 #else
 #define ZEL_PROBE(...) static_cast<void>(0)
 #endif
-
-namespace zel {
-
-// Whether some thread holds the lock at this moment, without touching it: glibc notes the owner.
-// For the probes of contended locks only, where nothing depends on the answer.
-inline bool is_held(const pthread_mutex_t* mutex) {
-    return ZEL_HAVE_SDT && __atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED) != 0;
-}
-
-} // namespace zel

@@ -54,6 +54,7 @@ private:
     // arguments.
     void read_probe(std::uint64_t content, std::vector<ProbePoint>& points) const {
         const auto address = image_.at<typename Elf::Address>(content);
+        const auto semaphore = image_.at<typename Elf::Address>(content + 2 * sizeof address);
         std::uint64_t at = content + 3 * sizeof address;
         const std::string provider = image_.text(at);
         at += provider.size() + 1;
@@ -61,7 +62,8 @@ private:
         at += name.size() + 1;
         const std::uint64_t offset = file_offset(address);
         if (provider == "zelkernel")
-            points.push_back({name, offset, image_.text(at), !is_arm() || is_arm_nop(offset)});
+            points.push_back({name, offset, semaphore == 0 ? 0 : file_offset(semaphore),
+                              image_.text(at), !is_arm() || is_arm_nop(offset)});
     }
 
     bool is_arm() const { return header_.e_machine == EM_ARM; }
@@ -173,6 +175,14 @@ ProbedFile read_probed_file(const std::string& path) {
     ProbedFile file;
     read_elf(image, [&](auto elf) { file = Reader<decltype(elf)>{image}.read(); });
     return file;
+}
+
+std::string reference_counter(const ProbePoint& point) {
+    if (point.semaphore == 0)
+        return {};
+    std::ostringstream text;
+    text << "(0x" << std::hex << point.semaphore << ')';
+    return text.str();
 }
 
 std::string fetch_arguments(const ProbePoint& point) {

@@ -9,8 +9,9 @@ namespace trace {
 
 struct ProbePoint {
     std::string name;
-    std::uint64_t offset;  // in the file
-    std::string arguments; // as the compiler wrote them: "8@%rdi -4@24(%rbx)"
+    std::uint64_t offset;    // in the file
+    std::uint64_t semaphore; // in the file, where tracers are counted; 0: nowhere
+    std::string arguments;   // as the compiler wrote them: "8@%rdi -4@24(%rbx)"
     // Not so in Thumb code: there the kernel would put an ARM instruction over others.
     bool can_be_stopped_by;
 };
@@ -23,6 +24,9 @@ struct ProbedFile {
 };
 
 ProbedFile read_probed_file(const std::string& path);
+
+// What follows the place in the definition: "(0x3088)", or nothing.
+std::string reference_counter(const ProbePoint& point);
 
 // The definition's arguments in the form of tracefs's uprobe_events: "function=%bx:u64 ...". An
 // operand of a form that uprobes cannot fetch is left out.

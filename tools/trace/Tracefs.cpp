@@ -200,7 +200,8 @@ void Instance::add_probes(const std::string& path, const ProbedFile& file) {
             lacking_.push_back({"the library's " + point.name, "in Thumb code",
                                 "what the library does then is not shown",
                                 "a library whose probe points are ARM code"});
-        } else if (!define_probe(name, path, point.offset, fetch_arguments(point)) ||
+        } else if (!define_probe(name, path, point.offset,
+                                 reference_counter(point) + fetch_arguments(point)) ||
                    !switch_event(group_ + "/" + name, true)) {
             lacking_.push_back({"the library's " + point.name, std::strerror(errno),
                                 "what the library does then is not shown",
