@@ -50,9 +50,11 @@ int __wrap_clock_settime(clockid_t clock, const timespec* tp) {
     timespec before{};
     clock_gettime(clock, &before);
     const int result = clock_settime(clock, tp);
+    const int error = errno;
     if (updateRTCFunc != nullptr)
         updateRTCFunc(clock, &before);
     zel::report_clock_change_in_32_bits(clock, before.tv_sec, before.tv_nsec);
+    errno = error; // the callback's own is none of the caller's business
     return result;
 }
 

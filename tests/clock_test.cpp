@@ -99,11 +99,13 @@ TEST(Clock, ReportsTheSystemsTimeBeforeEachChangeToTheCallback) {
     int result = 0;
     interposed::clock_settime = [&](clockid_t clock, const SystemTime* tp) {
         events.push_back("set " + std::to_string(clock) + " " + std::to_string(tp->tv_sec));
+        errno = EPERM;
         return result;
     };
     const zel_update_rtc_func callback = [](clockid_t clock, timespec* before) {
         events.push_back("was " + std::to_string(clock) + " " + std::to_string(before->tv_sec) +
                          "." + std::to_string(before->tv_nsec));
+        errno = ENOENT;
     };
     const timespec target{333, 0};
     for (int each : {0, -1}) {
@@ -111,6 +113,7 @@ TEST(Clock, ReportsTheSystemsTimeBeforeEachChangeToTheCallback) {
         updateRTCFunc = callback;
         for (clockid_t clock : {CLOCK_REALTIME, CLOCK_MONOTONIC})
             EXPECT_EQ(__wrap_clock_settime(clock, &target), each);
+        EXPECT_EQ(errno, EPERM);
         updateRTCFunc = nullptr;
         EXPECT_EQ(__wrap_clock_settime(CLOCK_TAI, &target), each);
         EXPECT_THAT(std::exchange(events, {}),

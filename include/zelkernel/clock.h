@@ -26,8 +26,8 @@ ZEL_EXPORT int __wrap_clock_gettime(clockid_t clock, struct timespec* tp)
 
 /* clock_settime; afterwards, also when it failed, the clock-change callback given to
  * zel_kernel_init runs in this thread with the clock and the time it showed before, whichever width
- * of time the caller and the callback are compiled with. Returns the system's result; errno is that
- * of the system's call unless the callback changes it. */
+ * of time the caller and the callback are compiled with. Returns the system's result, with errno as
+ * the system's call left it. */
 ZEL_EXPORT int __wrap_clock_settime(clockid_t clock, const struct timespec* tp)
     ZEL_TIME64_NAME("__wrap___clock_settime64");
 
