@@ -28,10 +28,10 @@ File open_meminfo() {
     return file;
 }
 
-// The value of a "Key:   123 kB" line in bytes; bounded, so that two of them can be added.
-int64_t bytes_of(const char* line) {
+// The value of a line "Key:   123 kB" in bytes; bounded, so that two of them can be added.
+int64_t bytes_of(const char* key) {
     constexpr int64_t most_kilobytes = std::numeric_limits<int64_t>::max() / 2048;
-    const char* colon = std::strchr(line, ':');
+    const char* colon = std::strchr(key, ':');
     if (colon == nullptr || colon[1] == '\0')
         return 0;
     const int64_t kilobytes = std::strtol(colon + 2, nullptr, 10);
@@ -46,8 +46,8 @@ uint64_t zel_get_total_mem() {
         return 0;
     char line[line_size];
     while (std::fgets(line, sizeof line, file.get()) != nullptr) {
-        if (std::strstr(line, "MemTotal") != nullptr)
-            return static_cast<uint64_t>(bytes_of(line));
+        if (const char* key = std::strstr(line, "MemTotal"))
+            return static_cast<uint64_t>(bytes_of(key));
     }
     return 0;
 }
@@ -60,9 +60,12 @@ int64_t zel_get_free_mem() {
     int64_t sum = 0;
     int found = 0;
     while (found < 2 && std::fgets(line, sizeof line, file.get()) != nullptr) {
-        if (std::strstr(line, "MemFree:") == nullptr && std::strstr(line, "Inactive:") == nullptr)
+        const char* key = std::strstr(line, "MemFree:");
+        if (key == nullptr)
+            key = std::strstr(line, "Inactive:");
+        if (key == nullptr)
             continue;
-        sum += bytes_of(line);
+        sum += bytes_of(key);
         ++found;
     }
     return sum;

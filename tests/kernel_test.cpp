@@ -152,8 +152,8 @@ TEST(Memory, IsReadFromMeminfo) {
          {Case{"MemTotal:        1024000 kB\nMemFree:            1000 kB\nInactive(anon):   7 kB\n"
                "Inactive:            500 kB\nMemFree:           9 kB\n",
                1048576000, 1536000},
-          Case{"Inactive:  3 kB\n" + filler + "\nMemTotal 9\nMemTotal: 2 kB\n", 0, 3072},
-          Case{"SwapMemTotal: 4194304 kB\nMemTotal: 2 kB\n", uint64_t{1} << 32, 0},
+          Case{"1: Inactive:  3 kB\n" + filler + "\nMemTotal 9\nMemTotal: 2 kB\n", 0, 3072},
+          Case{"1: SwapMemTotal: 4194304 kB\nMemTotal: 2 kB\n", uint64_t{1} << 32, 0},
           Case{"MemTotal:", 0, 0}, Case{"\n", 0, 0}}) {
         interposed::fopen = [&](const char* path, const char* mode) {
             EXPECT_STREQ(path, "/proc/meminfo");
