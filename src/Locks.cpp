@@ -65,6 +65,8 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
         return pthread_mutex_init(mutex, attr);
     pthread_mutexattr_t inheriting;
     __wrap_pthread_mutexattr_init(&inheriting);
+    // Once more: the wrapper does not tell whether it could.
+    pthread_mutexattr_setprotocol(&inheriting, PTHREAD_PRIO_INHERIT);
     const int result = pthread_mutex_init(mutex, &inheriting);
     pthread_mutexattr_destroy(&inheriting);
     return result;

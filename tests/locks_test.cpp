@@ -2,6 +2,8 @@
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
 ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t * a, int p), (a, p),
+              noexcept)
 ZEL_INTERPOSE_TIME(int, pthread_cond_timedwait,
                    (pthread_cond_t * c, pthread_mutex_t* m, const zel::test::SystemTime* t),
                    (c, m, t), )
@@ -107,6 +109,9 @@ TEST(Mutex, InheritsPriorityAndALockIsRetriedOnATimeoutAlone) {
     pthread_mutex_t mutex;
     pthread_mutexattr_t attr;
     __wrap_pthread_mutexattr_init(&attr);
+    interposed::pthread_mutexattr_setprotocol = [refusals = 1](auto... arguments) mutable {
+        return refusals-- > 0 ? ENOTSUP : real::pthread_mutexattr_setprotocol(arguments...);
+    };
     for (const pthread_mutexattr_t* each : {&std::as_const(attr), {}}) {
         __wrap_pthread_mutex_init(&mutex, each);
         EXPECT_TRUE(inherits_priority(&mutex)) << each;
