@@ -1,6 +1,6 @@
 // The checksum beside three other ways to compute it, over blocks of packet sizes.
 // Run with --benchmark_enable_random_interleaving=true: only ratios of one run mean something.
-#include "zelkernel/checksum.h"
+#include <zelkernel/checksum.h>
 
 #include <benchmark/benchmark.h>
 
@@ -59,7 +59,7 @@ std::uint16_t finish(std::uint64_t sum, const unsigned char* rest, std::size_t l
 }
 
 #if defined(__x86_64__)
-[[gnu::noinline]] std::uint16_t carryChain(const void* data, int length, std::uint16_t initial) {
+[[gnu::noinline]] std::uint16_t carry_chain(const void* data, int length, std::uint16_t initial) {
     const auto* at = static_cast<const unsigned char*>(data);
     auto size = static_cast<std::size_t>(length);
     std::uint64_t sum = 0;
@@ -102,7 +102,7 @@ const struct {
     {"words16", words16},
     {"words32", words32},
 #if defined(__x86_64__)
-    {"carry_chain", carryChain},
+    {"carry_chain", carry_chain},
 #endif
 };
 

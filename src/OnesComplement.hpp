@@ -15,14 +15,14 @@ static_assert(std::endian::native == std::endian::little,
               "an odd last byte is added as the lower half of a word");
 
 // Both add the upper half to the lower one, with the end-around carry.
-constexpr std::uint16_t foldTo16(std::uint32_t sum) {
+constexpr std::uint16_t fold_to_16(std::uint32_t sum) {
     return static_cast<std::uint16_t>((sum + std::rotl(sum, 16)) >> 16);
 }
-constexpr std::uint16_t foldTo16(std::uint64_t sum) {
-    return foldTo16(static_cast<std::uint32_t>((sum + std::rotl(sum, 32)) >> 32));
+constexpr std::uint16_t fold_to_16(std::uint64_t sum) {
+    return fold_to_16(static_cast<std::uint32_t>((sum + std::rotl(sum, 32)) >> 32));
 }
 
-constexpr std::uint16_t swapBytes(std::uint16_t word) {
+constexpr std::uint16_t swap_bytes(std::uint16_t word) {
     return __builtin_bswap16(word);
 }
 

@@ -2,19 +2,19 @@
 // carry.
 #pragma once
 
+#include "OnesComplement.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
-#include "OnesComplement.hpp"
 
 namespace zel {
 
 // Continues `sum` over what lies between `at` and `end`: whole blocks of 32 bytes, at least one, at
 // a multiple of 4. The carry lives on from block to block: nothing in the loop but the additions
 // may set it. Not inlined, so that short blocks need not save its registers.
-[[gnu::noinline]] inline std::uint32_t sumBlocks(std::uint32_t sum, const unsigned char* at,
-                                                 const unsigned char* end) {
+[[gnu::noinline]] inline std::uint32_t sum_blocks(std::uint32_t sum, const unsigned char* at,
+                                                  const unsigned char* end) {
     asm("    adds    %[sum], %[sum], #0\n" // clears the carry
         "1:  ldmia   %[at]!, {r3, r4, r5, r6, r8, r9, r10, r12}\n"
         "    adcs    %[sum], %[sum], r3\n"
@@ -37,7 +37,7 @@ namespace zel {
 
 // The word at `at`, which is a multiple of its size; advances `at`.
 template<typename Word>
-inline Word takeAligned(const unsigned char*& at) {
+inline Word take_aligned(const unsigned char*& at) {
     Word word;
     std::memcpy(&word, __builtin_assume_aligned(at, sizeof word), sizeof word);
     at += sizeof word;
@@ -45,39 +45,36 @@ inline Word takeAligned(const unsigned char*& at) {
 }
 
 // The sum of a block at an even address.
-inline std::uint16_t sumEven(const unsigned char* at, std::size_t length) {
+inline std::uint16_t sum_even(const unsigned char* at, std::size_t length) {
     std::uint64_t sum = 0;
     if (length >= 2 && reinterpret_cast<std::uintptr_t>(at) % 4 != 0) {
-        sum = takeAligned<std::uint16_t>(at);
+        sum = take_aligned<std::uint16_t>(at);
         length -= 2;
     }
     if (length >= 32) {
         const unsigned char* const end = at + length / 32 * 32;
-        sum = sumBlocks(static_cast<std::uint32_t>(sum), at, end);
+        sum = sum_blocks(static_cast<std::uint32_t>(sum), at, end);
         at = end;
     }
-    for (std::size_t words = length % 32 / 4; words != 0; --words) {
-        sum += takeAligned<std::uint32_t>(at);
-    }
-    if ((length & 2) != 0) {
-        sum += takeAligned<std::uint16_t>(at);
-    }
-    if ((length & 1) != 0) {
+    for (std::size_t words = length % 32 / 4; words != 0; --words)
+        sum += take_aligned<std::uint32_t>(at);
+    if ((length & 2) != 0)
+        sum += take_aligned<std::uint16_t>(at);
+    if ((length & 1) != 0)
         sum += *at;
-    }
-    return foldTo16(sum);
+    return fold_to_16(sum);
 }
 
 // Continues `start` over `length` bytes (at least 1) at `at`.
-inline std::uint16_t onesComplementSum(std::uint16_t start, const unsigned char* at,
-                                       std::size_t length) {
+inline std::uint16_t ones_complement_sum(std::uint16_t start, const unsigned char* at,
+                                         std::size_t length) {
     const std::size_t skipped = reinterpret_cast<std::uintptr_t>(at) % 2;
-    const std::uint16_t sum = sumEven(at + skipped, length - skipped);
+    const std::uint16_t sum = sum_even(at + skipped, length - skipped);
     if (skipped == 0) {
-        return foldTo16(std::uint32_t{start} + sum);
+        return fold_to_16(std::uint32_t{start} + sum);
     }
     // From the second byte on, the words pair the bytes the other way round.
-    return foldTo16(std::uint32_t{start} + *at + swapBytes(sum));
+    return fold_to_16(std::uint32_t{start} + *at + swap_bytes(sum));
 }
 
 } // namespace zel

@@ -1,11 +1,11 @@
 // The sum of a block for processors that load 64-bit words and vectors from any address.
 #pragma once
 
+#include "OnesComplement.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
-#include "OnesComplement.hpp"
 
 namespace zel {
 
@@ -16,12 +16,12 @@ inline Word load(const unsigned char* at) {
     return word;
 }
 
-inline std::uint64_t addWithCarry(std::uint64_t sum, std::uint64_t word) {
+inline std::uint64_t add_with_carry(std::uint64_t sum, std::uint64_t word) {
     sum += word;
     return sum + (sum < word ? 1 : 0);
 }
 
-inline std::uint64_t addFourWords(std::uint64_t sum, const unsigned char* at) {
+inline std::uint64_t add_four_words(std::uint64_t sum, const unsigned char* at) {
 #if defined(__x86_64__)
     // Left to itself the compiler ends the carry after each word.
     asm("addq   (%[at]), %[sum]\n\t"
@@ -33,15 +33,14 @@ inline std::uint64_t addFourWords(std::uint64_t sum, const unsigned char* at) {
         : [at] "r"(at), "m"(*reinterpret_cast<const unsigned char(*)[32]>(at))
         : "cc");
 #else
-    for (std::size_t i = 0; i < 32; i += 8) {
-        sum = addWithCarry(sum, load<std::uint64_t>(at + i));
-    }
+    for (std::size_t i = 0; i < 32; i += 8)
+        sum = add_with_carry(sum, load<std::uint64_t>(at + i));
 #endif
     return sum;
 }
 
 // Continues `sum` over less than 8 bytes.
-inline std::uint16_t sumFewBytes(std::uint64_t sum, const unsigned char* at, std::size_t length) {
+inline std::uint16_t sum_few_bytes(std::uint64_t sum, const unsigned char* at, std::size_t length) {
     if ((length & 4) != 0) {
         sum += load<std::uint32_t>(at);
         at += 4;
@@ -50,30 +49,28 @@ inline std::uint16_t sumFewBytes(std::uint64_t sum, const unsigned char* at, std
         sum += load<std::uint16_t>(at);
         at += 2;
     }
-    if ((length & 1) != 0) {
+    if ((length & 1) != 0)
         sum += *at;
-    }
-    return foldTo16(sum);
+    return fold_to_16(sum);
 }
 
 // Continues `sum` over the last `length` bytes (at least 1), at `at`, of a block of at least 8.
-inline std::uint16_t sumWords(std::uint64_t sum, const unsigned char* at, std::size_t length) {
+inline std::uint16_t sum_words(std::uint64_t sum, const unsigned char* at, std::size_t length) {
     const std::size_t before = length - 1; // rounded down to words, all but the last one
-    for (const auto* const end = at + before / 32 * 32; at != end; at += 32) {
-        sum = addFourWords(sum, at);
-    }
+    for (const auto* const end = at + before / 32 * 32; at != end; at += 32)
+        sum = add_four_words(sum, at);
     if ((before & 16) != 0) {
-        sum = addWithCarry(sum, load<std::uint64_t>(at));
-        sum = addWithCarry(sum, load<std::uint64_t>(at + 8));
+        sum = add_with_carry(sum, load<std::uint64_t>(at));
+        sum = add_with_carry(sum, load<std::uint64_t>(at + 8));
         at += 16;
     }
     if ((before & 8) != 0) {
-        sum = addWithCarry(sum, load<std::uint64_t>(at));
+        sum = add_with_carry(sum, load<std::uint64_t>(at));
         at += 8;
     }
     const std::size_t last = before % 8 + 1;
-    sum = addWithCarry(sum, load<std::uint64_t>(at + last - 8) >> (64 - 8 * last));
-    return foldTo16(sum);
+    sum = add_with_carry(sum, load<std::uint64_t>(at + last - 8) >> (64 - 8 * last));
+    return fold_to_16(sum);
 }
 
 // Sums of 64-bit words modulo 2^64 and of their upper halves, from which that of the lower halves
@@ -94,8 +91,8 @@ struct Lanes {
 
 // Continues `start` over at least 8 bytes. Always inlined, to be made of its caller's instructions.
 template<typename Vector>
-[[gnu::always_inline]] inline std::uint16_t sumVectors(std::uint16_t start, const unsigned char* at,
-                                                       std::size_t length) {
+[[gnu::always_inline]] inline std::uint16_t
+sum_vectors(std::uint16_t start, const unsigned char* at, std::size_t length) {
     Lanes<Vector> even;
     Lanes<Vector> odd; // does not wait for the additions to the other
     for (; length >= 2 * sizeof(Vector); length -= 2 * sizeof(Vector)) {
@@ -116,15 +113,15 @@ template<typename Vector>
     }
     const std::uint64_t lower = words - (upper << 32);
     const std::uint64_t sum = start + upper + lower;
-    return length == 0 ? foldTo16(sum) : sumWords(sum, at, length);
+    return length == 0 ? fold_to_16(sum) : sum_words(sum, at, length);
 }
 
 // The widest vectors of the processor at hand. A test per call, unlike an indirect function, needs
 // no relocation and works before the program's constructors have run (then with the baseline).
 using Vector16 [[gnu::vector_size(16)]] = std::uint64_t;
-[[gnu::noinline]] inline std::uint16_t sumBaseline(std::uint16_t start, const unsigned char* at,
-                                                   std::size_t length) {
-    return sumVectors<Vector16>(start, at, length);
+[[gnu::noinline]] inline std::uint16_t sum_baseline(std::uint16_t start, const unsigned char* at,
+                                                    std::size_t length) {
+    return sum_vectors<Vector16>(start, at, length);
 }
 
 #if defined(__x86_64__)
@@ -132,39 +129,37 @@ using Vector32 [[gnu::vector_size(32)]] = std::uint64_t;
 using Vector64 [[gnu::vector_size(64)]] = std::uint64_t;
 
 [[gnu::noinline, gnu::target("avx2")]] inline std::uint16_t
-sumAvx2(std::uint16_t start, const unsigned char* at, std::size_t length) {
-    return sumVectors<Vector32>(start, at, length);
+sum_avx2(std::uint16_t start, const unsigned char* at, std::size_t length) {
+    return sum_vectors<Vector32>(start, at, length);
 }
 
 [[gnu::noinline, gnu::target("avx512f")]] inline std::uint16_t
-sumAvx512(std::uint16_t start, const unsigned char* at, std::size_t length) {
-    return sumVectors<Vector64>(start, at, length);
+sum_avx512(std::uint16_t start, const unsigned char* at, std::size_t length) {
+    return sum_vectors<Vector64>(start, at, length);
 }
 #endif
 
-inline std::uint16_t sumLongBlock(std::uint16_t start, const unsigned char* at,
-                                  std::size_t length) {
+inline std::uint16_t sum_long_block(std::uint16_t start, const unsigned char* at,
+                                    std::size_t length) {
 #if defined(__x86_64__)
     // Processors without VBMI2 lower their clock for 512-bit vectors.
-    if (__builtin_cpu_supports("avx512vbmi2")) {
-        return sumAvx512(start, at, length);
-    }
-    if (__builtin_cpu_supports("avx2")) {
-        return sumAvx2(start, at, length);
-    }
+    if (__builtin_cpu_supports("avx512vbmi2"))
+        return sum_avx512(start, at, length);
+    if (__builtin_cpu_supports("avx2"))
+        return sum_avx2(start, at, length);
 #endif
-    return sumBaseline(start, at, length);
+    return sum_baseline(start, at, length);
 }
 
 // Continues `start` over `length` bytes at `at`.
-inline std::uint16_t onesComplementSum(std::uint16_t start, const unsigned char* at,
-                                       std::size_t length) {
-    constexpr std::size_t kShort = 8;
-    constexpr std::size_t kLong = 192; // measured: below it, adding up the lanes costs too much
-    if (length - kShort < kLong - kShort) {
-        return sumWords(start, at, length);
-    }
-    return length < kShort ? sumFewBytes(start, at, length) : sumLongBlock(start, at, length);
+inline std::uint16_t ones_complement_sum(std::uint16_t start, const unsigned char* at,
+                                         std::size_t length) {
+    constexpr std::size_t words_from = 8;
+    constexpr std::size_t vectors_from = 192; // measured: below it, adding up the lanes costs more
+    if (length - words_from < vectors_from - words_from)
+        return sum_words(start, at, length);
+    return length < words_from ? sum_few_bytes(start, at, length)
+                               : sum_long_block(start, at, length);
 }
 
 } // namespace zel

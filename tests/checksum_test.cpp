@@ -1,4 +1,4 @@
-#include "zelkernel/checksum.h"
+#include <zelkernel/checksum.h>
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace {
 
 // A page of random bytes between two that must not be touched.
-std::span<std::uint8_t> guardedPage() {
+std::span<std::uint8_t> guarded_page() {
     const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     void* const map = mmap(nullptr, 3 * size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     const std::span page{static_cast<std::uint8_t*>(map) + size, size};
@@ -30,24 +30,24 @@ std::span<std::uint8_t> guardedPage() {
 }
 
 // Also of the ways to sum a long block that this processor could be given.
-void expectAsDefined(const std::uint8_t* data, std::size_t length, unsigned start) {
+void expect_as_defined(const std::uint8_t* data, std::size_t length, unsigned start) {
     const auto initial = static_cast<std::uint16_t>(start);
     ASSERT_EQ(IpAccelerators_GeneralChecksum(data, static_cast<int>(length), initial),
-              naiveChecksum(data, length, initial))
+              naive_checksum(data, length, initial))
         << length << " bytes at " << static_cast<const void*>(data) << ", initial " << initial;
 #if defined(__x86_64__)
     if (length < 8)
         return;
-    const std::uint16_t expected = naiveChecksum(data, length, 0xffff);
+    const std::uint16_t expected = naive_checksum(data, length, 0xffff);
     const auto check = [=](auto sum, const char* way) {
-        const auto checksum = static_cast<std::uint16_t>(~zel::swapBytes(sum(0, data, length)));
+        const auto checksum = static_cast<std::uint16_t>(~zel::swap_bytes(sum(0, data, length)));
         ASSERT_EQ(checksum, expected) << way << ", " << length << " bytes";
     };
-    check(zel::sumBaseline, "baseline");
+    check(zel::sum_baseline, "baseline");
     if (__builtin_cpu_supports("avx2"))
-        check(zel::sumAvx2, "AVX2");
+        check(zel::sum_avx2, "AVX2");
     if (__builtin_cpu_supports("avx512f"))
-        check(zel::sumAvx512, "AVX-512");
+        check(zel::sum_avx512, "AVX-512");
 #endif
 }
 
@@ -90,12 +90,12 @@ TEST(Checksum, UpdatesKeepTheTwoZerosApart) {
 }
 
 TEST(Checksum, EveryLengthAndAlignmentWithinTheBlock) {
-    const auto page = guardedPage();
+    const auto page = guarded_page();
     for (std::size_t length = 0; length <= 600; ++length) {
         for (std::size_t shift = 0; shift < 16; ++shift) {
             for (const std::uint8_t* data :
                  {&page[shift], page.data() + page.size() - length - shift}) {
-                expectAsDefined(data, length, static_cast<unsigned>(length * 0x9e37 + shift));
+                expect_as_defined(data, length, static_cast<unsigned>(length * 0x9e37 + shift));
             }
         }
     }
@@ -103,7 +103,7 @@ TEST(Checksum, EveryLengthAndAlignmentWithinTheBlock) {
         std::uint8_t* const header = page.data() + page.size() - std::max(words * 4, 1U);
         *header = static_cast<std::uint8_t>(0xf0 + words);
         EXPECT_EQ(IpAccelerators_HeaderOnlyChecksum(header),
-                  naiveChecksum(header, words * 4, 0xffff))
+                  naive_checksum(header, words * 4, 0xffff))
             << words;
     }
 }
@@ -117,7 +117,7 @@ TEST(Checksum, UniformBlocksOfAnyLength) {
              {1U, 7U, 10U, 64U, 191U, 192U, 1500U, 65'535U, 131'072U, 300'000U}) {
             for (const unsigned start : {0U, 1U, 0x8000U, 0xfffeU, 0xffffU}) {
                 for (const std::uint8_t* data : {block.data(), block.data() + 1})
-                    expectAsDefined(data, length, start);
+                    expect_as_defined(data, length, start);
             }
         }
     }

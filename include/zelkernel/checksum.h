@@ -9,9 +9,9 @@
 #ifndef ZELKERNEL_CHECKSUM_H
 #define ZELKERNEL_CHECKSUM_H
 
-#include <stdint.h>
+#include <zelkernel/config.h>
 
-#include "zelkernel/config.h"
+#include <stdint.h>
 
 ZEL_BEGIN_DECLS
 

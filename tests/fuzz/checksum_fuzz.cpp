@@ -1,7 +1,7 @@
 // The checksum functions against the definition, for libFuzzer and for checksum_test. An input is
 // the initial value (2 bytes), where to cut the block (1), its alignment (1), the new content of a
 // field (4), then the block.
-#include "zelkernel/checksum.h"
+#include <zelkernel/checksum.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,7 +15,7 @@ std::uint16_t word(const std::uint8_t* at) {
     return static_cast<std::uint16_t>(at[0] << 8 | at[1]);
 }
 
-std::uint32_t twoWords(const std::uint8_t* at) {
+std::uint32_t two_words(const std::uint8_t* at) {
     return std::uint32_t{word(at)} << 16 | word(at + 2);
 }
 
@@ -42,16 +42,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     const std::uint16_t first = IpAccelerators_GeneralChecksum(block, cut, initial);
     const std::uint16_t whole = IpAccelerators_GeneralChecksum(block, length, initial);
-    require(whole == naiveChecksum(block, size - 8, initial));
+    require(whole == naive_checksum(block, size - 8, initial));
     require(whole == IpAccelerators_GeneralChecksum(field, length - cut, first));
 
     // A 16-bit field changes, then the 32-bit field that it is part of.
     const auto after16 = IpAccelerators_UpdateChecksum16(whole, word(field), word(data + 6));
     std::copy_n(data + 6, 2, field);
-    require(after16 == naiveChecksum(block, size - 8, initial));
+    require(after16 == naive_checksum(block, size - 8, initial));
     const auto after32 =
-        IpAccelerators_UpdateChecksum32(after16, twoWords(field), twoWords(data + 4));
+        IpAccelerators_UpdateChecksum32(after16, two_words(field), two_words(data + 4));
     std::copy_n(data + 4, 4, field);
-    require(after32 == naiveChecksum(block, size - 8, initial));
+    require(after32 == naive_checksum(block, size - 8, initial));
     return 0;
 }

@@ -261,12 +261,12 @@ FAULTS = [
     descriptors("a removed entry ends a lookup", "        if (entry == unused)\n            return {};",
                 "        if (entry <= removed)\n            return {};"),
 
-    checksum("the initial value is not complemented", "zel::swapBytes(complement(initial))",
-             "zel::swapBytes(initial)"),
+    checksum("the initial value is not complemented", "zel::swap_bytes(complement(initial))",
+             "zel::swap_bytes(initial)"),
     checksum("a 32-bit update loses the upper half", " + (new_value >> 16) +", " +"),
     wide("a carry is lost", "return sum + (sum < word ? 1 : 0);", "return sum;"),
     wide("an odd last byte is not added",
-         "    if ((length & 1) != 0) {\n        sum += *at;\n    }\n", ""),
+         "    if ((length & 1) != 0)\n        sum += *at;\n", ""),
     wide("the odd lanes' upper halves are lost", "    even.upper_halves += odd.upper_halves;\n", ""),
     fold("a fold loses its carry", "(sum + std::rotl(sum, 16)) >> 16", "(sum & 0xffff) + (sum >> 16)"),
 
