@@ -9,7 +9,6 @@
 #include "Uptime.hpp"
 
 #include <zelkernel/conditions.h>
-#include <zelkernel/locks.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -26,11 +25,7 @@ using CondClockMap = std::map<std::uintptr_t, CondClockEntry>;
 
 zel::NeverDestroyed<CondClockMap> cond_clock_map;
 
-pthread_mutex_t cond_clock_map_mutex = [] {
-    pthread_mutex_t mutex;
-    __wrap_pthread_mutex_init(&mutex, nullptr);
-    return mutex;
-}();
+zel::PosixMutex cond_clock_map_mutex;
 
 std::uintptr_t key_of(const pthread_cond_t* cond) {
     return reinterpret_cast<std::uintptr_t>(cond);

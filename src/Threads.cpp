@@ -12,7 +12,6 @@
 #include "SystemCallReport.hpp"
 
 #include <zelkernel/affinity.h>
-#include <zelkernel/locks.h>
 #include <zelkernel/scheduling.h>
 #include <zelkernel/threads.h>
 
@@ -29,11 +28,7 @@ using ThreadIds = std::set<pthread_t>;
 
 zel::NeverDestroyed<ThreadIds> current_pthread_ids;
 
-pthread_mutex_t current_pthread_ids_mutex = [] {
-    pthread_mutex_t mutex;
-    __wrap_pthread_mutex_init(&mutex, nullptr);
-    return mutex;
-}();
+zel::PosixMutex current_pthread_ids_mutex;
 
 void unregister_calling_thread(void*) {
     ZEL_PROBE(thread_end);
