@@ -94,7 +94,7 @@ FAULTS = [
     locks("inheritance is asked for once", "    pthread_mutexattr_setprotocol(&inheriting, "
           "PTHREAD_PRIO_INHERIT);\n", ""),
     locks("the library's lock is taken with the switch off",
-          "held_ = posix_locks_are_on() && lock(&mutex_) == 0", "held_ = lock(&mutex_) == 0"),
+          "held_ = posix_locks_are_on() && ::lock(&mutex_) == 0", "held_ = ::lock(&mutex_) == 0"),
     locks("the library's lock is not released once the switch is off",
           "    if (!held_)\n        return 0;",
           "    if (!held_ || !posix_locks_are_on())\n        return 0;"),
@@ -132,10 +132,10 @@ FAULTS = [
     clock("every clock but CLOCK_REALTIME is moved",
           "clock == CLOCK_MONOTONIC ? zel", "clock != CLOCK_REALTIME ? zel"),
     clock("the callback comes before the change",
-          "    const int result = clock_settime(clock, tp);\n    if (updateRTCFunc != nullptr)\n"
-          "        updateRTCFunc(clock, &before);\n",
+          "    const int result = clock_settime(clock, tp);\n    const int error = errno;\n"
+          "    if (updateRTCFunc != nullptr)\n        updateRTCFunc(clock, &before);\n",
           "    if (updateRTCFunc != nullptr)\n        updateRTCFunc(clock, &before);\n"
-          "    const int result = clock_settime(clock, tp);\n"),
+          "    const int result = clock_settime(clock, tp);\n    const int error = errno;\n"),
     clock("the callback's errno is the caller's", "    errno = error;", "    (void)error;"),
     clock("a sleep starts again after a signal", "nanosleep(&request, &request)",
           "nanosleep(&request, nullptr)"),
