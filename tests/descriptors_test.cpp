@@ -1,4 +1,6 @@
 // The lock-free tables of descriptors, by themselves: files stand for the devices.
+#include "support/sanitizers.hpp"
+#include "support/wait.hpp"
 #include "zel_tun/TunDescriptor.hpp"
 
 #include <fcntl.h>
@@ -18,20 +20,21 @@ using namespace zel::network;
 
 struct Tables {
     FdMap fd_map;
-    TunFds tun_fds{fd_map};
+    TunFds tun4_fds{fd_map}, tun6_fds{fd_map};
 };
 
 // A file that holds the index it stands for.
-void add(Tables& tables, int index) {
+void add(Tables& tables, int index, int family = AF_INET) {
     const int number = memfd_create("device", MFD_CLOEXEC);
     ASSERT_EQ(write(number, &index, sizeof index), ssize_t{sizeof index});
-    tables.fd_map.insert(tables.fd_map.adopt(number, AF_INET, index));
-    tables.tun_fds.insert(index, number);
+    tables.fd_map.insert(tables.fd_map.adopt(number, family, index));
+    (family == AF_INET ? tables.tun4_fds : tables.tun6_fds).insert(index, number);
 }
 
-void remove(Tables& tables, int index) {
-    const int number = tables.tun_fds.find(index);
-    tables.tun_fds.erase(index);
+void remove(Tables& tables, int index, int family = AF_INET) {
+    TunFds& tun_fds = family == AF_INET ? tables.tun4_fds : tables.tun6_fds;
+    const int number = tun_fds.find(index);
+    tun_fds.erase(index);
     tables.fd_map.erase(number); // and gives the reference up
 }
 
@@ -44,19 +47,40 @@ TEST(TunFds, AreWhatAMapWouldBe) {
         const int index = static_cast<int>(random() % 1500) * (i % 2 == 0 ? 1 : -65536);
         const int number = static_cast<int>(random() % FD_SETSIZE);
         const auto known = expected.find(index);
-        EXPECT_EQ(tables->tun_fds.find(index), known == expected.end() ? -1 : known->second);
+        EXPECT_EQ(tables->tun4_fds.find(index), known == expected.end() ? -1 : known->second);
         if (known != expected.end() && i / 5000 % 2 == 1) {
-            tables->tun_fds.erase(index);
+            tables->tun4_fds.erase(index);
             tables->fd_map.erase(known->second).reset();
             expected.erase(known);
         } else if (known == expected.end() && !tables->fd_map.is_registered(number)) {
             TunReference made = tables->fd_map.adopt(number, AF_INET, index);
             made->keep_open(); // it is none
             tables->fd_map.insert(std::move(made));
-            tables->tun_fds.insert(index, number);
+            tables->tun4_fds.insert(index, number);
             expected[index] = number;
         }
-        ASSERT_EQ(static_cast<bool>(tables->tun_fds.acquire(index)), expected.contains(index));
+        ASSERT_EQ(static_cast<bool>(tables->tun4_fds.acquire(index)), expected.contains(index));
+    }
+}
+
+// Between any two instructions of a lookup, another device's number goes to one of the same index
+// and the other family, or back.
+TEST(TunFds, ShowADeviceThatIsThereWhateverComesInBetween) {
+    if (zel::test::under_thread_sanitizer)
+        GTEST_SKIP() << "the sanitizer keeps signals back until the next call of the system";
+    static Tables& tables = *new Tables;
+    static constexpr int lasting = 1597; // lies beyond index 0
+    static std::atomic<int> changes{0};
+    add(tables, 0);
+    add(tables, lasting);
+    zel::test::interrupt_calls([](int) {
+        const bool is_back = ++changes % 2 == 0;
+        remove(tables, is_back ? lasting : 0, is_back ? AF_INET6 : AF_INET);
+        add(tables, is_back ? 0 : lasting, is_back ? AF_INET : AF_INET6);
+    });
+    while (changes < 500) {
+        const TunReference found = tables.tun4_fds.acquire(lasting);
+        ASSERT_TRUE(found && found->ip_version() == 4) << "after " << changes << " changes";
     }
 }
 
@@ -74,7 +98,7 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
             for (int turn = reader; !stop; ++turn) {
                 const int index = turn % indices;
                 // Two of the three as senders do, one as the receive thread does.
-                const TunReference device = reader < 2 ? tables->tun_fds.acquire(index)
+                const TunReference device = reader < 2 ? tables->tun4_fds.acquire(index)
                                                        : tables->fd_map.acquire(3 + turn % 32);
                 const bool is_right = device ? device->index() == index : index != lasting;
                 ASSERT_TRUE(is_right || reader == 2);
@@ -100,7 +124,7 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
     // By what the readers have seen and not by time alone: they may hardly run.
     for (int round = 0; round < 20'000 || found < 2'000; ++round) {
         const int index = 1 + round % (indices - 1);
-        if (tables->tun_fds.find(index) == -1) {
+        if (tables->tun4_fds.find(index) == -1) {
             add(*tables, index);
         } else {
             remove(*tables, index);
@@ -110,7 +134,7 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
     for (std::thread& reader : readers)
         reader.join();
     for (int index = 0; index < indices; ++index) {
-        if (const int number = tables->tun_fds.find(index); number != -1) {
+        if (const int number = tables->tun4_fds.find(index); number != -1) {
             remove(*tables, index);
             EXPECT_EQ(fcntl(number, F_GETFD), -1) << "still open";
         }

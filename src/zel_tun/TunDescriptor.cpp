@@ -96,14 +96,12 @@ TunReference TunFds::acquire(int index) const {
         const Entry entry = entries_[position].load(std::memory_order_acquire);
         if (entry == unused)
             return {};
-        if (entry == removed || descriptor(entry).index() != index)
+        if (entry == removed || descriptor(entry).index() != index ||
+            !descriptor(entry).try_acquire())
             continue;
-        if (!descriptor(entry).try_acquire())
-            return {};
         TunReference found{&descriptor(entry)};
-        const bool still_there =
-            entries_[position].load(std::memory_order_acquire) == entry && found->index() == index;
-        return still_there ? std::move(found) : TunReference{};
+        if (entries_[position].load(std::memory_order_acquire) == entry && found->index() == index)
+            return found;
     }
     return {};
 }

@@ -21,18 +21,19 @@
 //    later acquires them. (A count is only changed by read-modify-write in between, which continues
 //    the release sequence.) So nobody reads a device half made.
 // 4. A lookup looks at its table entry again once it has the reference. At that moment the table
-//    maps the index to this very descriptor; if it does not, the lookup gives the reference back
-//    and has found nothing. The device was removed meanwhile, and the answer is right for the
-//    moment after that. Removal from the table comes before anything else is undone.
+//    maps the index to this very descriptor, or else the lookup gives the reference back and goes
+//    on: the number has come to stand for another device meanwhile, perhaps one of the same index
+//    and the other family. Removal from the table comes before anything else is undone.
 // 5. An entry never moves. A lookup passes removed entries and ends at one that was never used; a
 //    removed one becomes unused again only when nothing can lie beyond it (see TunFds::erase). So
-//    a lookup never misses a device that is there all the time.
+//    a lookup never misses a device that is there all the time, and one that finds nothing is right
+//    for a moment within it.
 // 6. The last reference to go closes the descriptor, on whatever thread. Between the count's fall
 //    to 0 and close() the number is still taken; after it the closing thread touches nothing.
 // A thread that is cancelled in write() gives its reference back as it unwinds. One that is stopped
 // for ever keeps one descriptor open, and nobody else waits. Any number of threads may send; the
-// table cannot fill up, because half as many numbers exist as it has entries. Only 32-bit words are
-// accessed atomically.
+// table cannot fill up, because half as many numbers exist as it has entries. Nothing wider than 32
+// bits is accessed atomically.
 #pragma once
 
 #include <zelkernel/statistics.h>
