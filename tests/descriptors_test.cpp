@@ -78,7 +78,7 @@ TEST(TunFds, ShowADeviceThatIsThereWhateverComesInBetween) {
         remove(tables, is_back ? lasting : 0, is_back ? AF_INET6 : AF_INET);
         add(tables, is_back ? 0 : lasting, is_back ? AF_INET : AF_INET6);
     });
-    while (changes < 500) {
+    while (changes < 300) {
         const TunReference found = tables.tun4_fds.acquire(lasting);
         ASSERT_TRUE(found && found->ip_version() == 4) << "after " << changes << " changes";
     }

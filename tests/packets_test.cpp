@@ -9,6 +9,7 @@
 ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
 ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size), )
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
+ZEL_INTERPOSE(int, close, (int fd), (fd), )
 ZEL_INTERPOSE_TIME(int, select,
                    (int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout),
                    (count, in, out, other, timeout), )
@@ -212,12 +213,13 @@ TEST_F(Packets, AreReadWithTheDevicesMtuAndDroppedWithoutABufferOrDevice) {
     EXPECT_EQ(stack.take().second.substr(28), "kept");
     EXPECT_EQ(stack.freed, 0);
 
-    // A device that Linux is taking away is ready and has nothing: nobody spins on it.
+    // A device that Linux is taking away is ready and has nothing: nobody waits or spins there.
     static std::atomic<int> refused{0};
     interposed::read = [](int fd, void* data, size_t size) {
         if (size < 1500)
             return real::read(fd, data, size);
         ++refused;
+        EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
         errno = EAGAIN;
         return ssize_t{-1};
     };
@@ -266,12 +268,19 @@ TEST_F(Packets, InFlightKeepTheirDeviceWhileItIsDestroyed) {
     send(socket, "x");
     const std::string answer = answer_to(stack.take().second);
     std::atomic<bool> deletion_waits{false};
+    std::atomic<int> closed_here{0};
     stack.before_write = [&] {
         stack.before_select = [&] { deletion_waits = true; };
         zel_tun_ipv4_destroy(nullptr, 0, "red", 3);
         EXPECT_TRUE(eventually([&] { return deletion_waits.load(); }));
+        interposed::close = [&, sender = pthread_self()](int fd) {
+            closed_here += pthread_equal(sender, pthread_self()) != 0;
+            return real::close(fd);
+        };
     };
     zel_tun_ipv4_packet_send(3, answer.data(), answer.size());
+    EXPECT_EQ(closed_here, 0) << "which takes Linux long";
+    interposed::close = nullptr;
     char back;
     EXPECT_EQ(recv(socket, &back, 1, 0), 1) << "the packet was lost";
     EXPECT_TRUE(loses_device("red", "tun4_3"));

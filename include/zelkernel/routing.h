@@ -14,7 +14,8 @@
  * functions block while their commands run and return nothing; they may be called from any thread.
  * zel_vrf_create and the criteria functions run commands while they hold the network module's lock,
  * so that each criterion reaches each instance exactly once; the lock has priority inheritance.
- * Packets keep being received meanwhile, but sending and the functions of tun.h wait.
+ * Packets are sent and received meanwhile; the functions of tun.h that create and destroy devices
+ * or set their MTU wait.
  */
 #ifndef ZELKERNEL_ROUTING_H
 #define ZELKERNEL_ROUTING_H

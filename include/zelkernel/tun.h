@@ -66,16 +66,16 @@ ZEL_EXPORT void zel_tun_ipv6_create(char* output, size_t output_size, const char
  * A packet that another thread is sending or receiving at this moment still goes through the old
  * device: `receive` may be called once more for the index after this call has returned. The
  * descriptor is closed as soon as nobody uses it, never under a running read or write, so that its
- * number cannot be reused under them. Once the receive thread has been started, Linux removes a
- * registered device with its last descriptor, even if that is one that a child of the process has
- * inherited and keeps open; without that thread the device stays, as does its queued deletion.
+ * number cannot be reused under them, and never by a sender: that takes Linux tens of milliseconds.
+ * Once the receive thread has been started, Linux removes a registered device with its last
+ * descriptor, even if that is one that a child of the process has inherited and keeps open; without
+ * that thread the device stays, as does its queued deletion.
  *
  * The deletion is under way when the call returns, not over. A creation of the same index at once
  * can be refused by Linux ("ioctl() failed for <device>", "Device or resource busy", "File
  * exists"), or its device can be the one that the queued deletion then finds. Wait until the device
- * is gone
- * (`ip -n <name> link show dev <device>` fails), and repeat a creation that has reported an error
- * after destroying the index; or take another index. */
+ * is gone (`ip -n <name> link show dev <device>` fails), and repeat a creation that has reported an
+ * error after destroying the index; or take another index. */
 ZEL_EXPORT void zel_tun_ipv4_destroy(char* output, size_t output_size, const char* name, int index);
 ZEL_EXPORT void zel_tun_ipv6_destroy(char* output, size_t output_size, const char* name, int index);
 
@@ -95,9 +95,9 @@ typedef void (*zel_tun_alloc_buffer_t)(void** handle_out, void** data_out, int s
 /* Takes back a buffer that could not be filled. */
 typedef void (*zel_tun_free_buffer_t)(void* handle);
 
-/* Starts the receive thread, "IpStackSyncRxP~" by name, under
- * SCHED_FIFO at `priority`, in the application's numbering. Call it once. The thread runs until the
- * process ends; without a TUN driver it ends at once.
+/* Starts the receive thread, "IpStackSyncRxP~" by name, under SCHED_FIFO at `priority`, in the
+ * application's numbering. Call it once. The thread runs until the process ends; without a TUN
+ * driver it ends at once.
  *
  * The thread inherits the caller's signal mask. Block the application's signals around this call:
  * a signal handler that runs on the receive thread interrupts its select(), which stops the process

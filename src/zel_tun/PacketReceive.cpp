@@ -36,8 +36,8 @@ public:
     void pass();
 
 private:
-    bool receive_packet(const ReadyDevice& device);
-    static bool goes_on_after(int error);
+    void receive_packets();
+    int receive_packet(const ReadyDevice& device);
     bool drain_wakeup_pipe();
 
     TunRxCallbacks callbacks_;
@@ -48,49 +48,55 @@ private:
 void Receiver::pass() {
     wait_.refresh();
     wait_.wait();
-    for (const ReadyDevice& device : wait_.ready_devices()) {
-        if (!receive_packet(device))
-            wait_.ignore(device.descriptor->number());
-    }
+    receive_packets();
     if (wait_.is_woken() && !drain_wakeup_pipe())
         return;
     // Again: a device that is to be deleted goes when this thread, too, has let go of it.
     wait_.refresh();
+    state->fd_map.close_left();
     run_pending_tun_deletes();
 }
 
-// False when the device is gone from Linux (its namespace was deleted): its descriptor would be
-// ready for ever, and this thread, busy with it, would keep the threads below it from running.
-bool Receiver::receive_packet(const ReadyDevice& device) {
+void Receiver::receive_packets() {
+    bool is_any_going = false;
+    for (const ReadyDevice& device : wait_.ready_devices()) {
+        const int error = receive_packet(device);
+        // The device is gone from Linux (its namespace was deleted): it would be ready for ever,
+        // and this thread, busy with it, would keep the threads below it from running.
+        if (error == EBADFD)
+            wait_.ignore(device.descriptor->number());
+        is_any_going = is_any_going || error == EAGAIN;
+    }
+    // One that Linux is taking away is ready without a packet until the rest of the kernel has let
+    // go of it: on a board's only processor never, unless it gets the processor.
+    if (is_any_going)
+        usleep(1000);
+}
+
+// The error of a failed read, else 0.
+int Receiver::receive_packet(const ReadyDevice& device) {
     void* handle = nullptr;
     void* data = nullptr;
     callbacks_.alloc_buffer(&handle, &data, device.mtu);
     const int fd = device.descriptor->number();
     zel_statistics_device& counters = device.descriptor->counters();
     if (handle == nullptr) {
+        if (read(fd, scratch_, 1) < 0)
+            return errno;
         count(counters.dropped_packets);
-        return read(fd, scratch_, 1) >= 0 || goes_on_after(errno);
+        return 0;
     }
     const ssize_t length = read(fd, data, static_cast<size_t>(device.mtu));
     if (length < 0) {
         const int error = errno;
         callbacks_.free_buffer(handle);
-        return goes_on_after(error);
+        return error;
     }
     count(counters.received_packets);
     count(counters.received_bytes, static_cast<uint32_t>(length));
     ZEL_PROBE(packet_read, device.descriptor->ip_version(), device.descriptor->index(), length);
     callbacks_.receive(device.descriptor->index(), handle, static_cast<int>(length));
-    return true;
-}
-
-// A device that Linux is taking away is ready without a packet for as long as the rest of the
-// kernel needs to let go of it. On a board's only processor that never ends unless it gets the
-// processor.
-bool Receiver::goes_on_after(int error) {
-    if (error == EAGAIN)
-        usleep(1000);
-    return error != EBADFD;
+    return 0;
 }
 
 bool Receiver::drain_wakeup_pipe() {

@@ -1,10 +1,12 @@
 #include "Probes.hpp"
+#include "ReceiveWakeup.hpp"
 #include "State.hpp"
 
 #include <zelkernel/tun.h>
 
 #include <cstdint>
 #include <unistd.h>
+#include <utility>
 
 namespace zel::network {
 namespace {
@@ -12,12 +14,14 @@ namespace {
 // The reference keeps the descriptor open until the packet is written, whoever destroys the device
 // meanwhile. A packet that Linux does not take is lost, as on any interface.
 void zel_tun_packet_send(int index, const void* packet, size_t length, const TunFds& tun_fds) {
-    const TunReference device = tun_fds.acquire(index);
+    TunReference device = tun_fds.acquire(index);
     if (!device)
         return;
     device->count_sent(static_cast<std::uint32_t>(length));
     [[maybe_unused]] const ssize_t written = write(device->number(), packet, length);
     ZEL_PROBE(packet_sent, device->ip_version(), index, length);
+    if (state->fd_map.leave(std::move(device))) [[unlikely]]
+        wakeup_zel_tun_packet_receive();
 }
 
 } // namespace

@@ -9,25 +9,14 @@
 
 namespace zel::network {
 
-void PendingTunDeletes::push_back(std::unique_ptr<PendingTunDelete> deletion) {
-    deletion->next = newest_.load(std::memory_order_relaxed);
-    while (!newest_.compare_exchange_weak(deletion->next, deletion.get(), std::memory_order_release,
-                                          std::memory_order_relaxed)) {
-    }
-    static_cast<void>(deletion.release());
-}
-
 PendingTunDelete* PendingTunDeletes::take_all() {
-    // Most passes find none and write nothing.
-    if (newest_.load(std::memory_order_relaxed) == nullptr)
-        return nullptr;
-    PendingTunDelete* newest = newest_.exchange(nullptr, std::memory_order_acquire);
+    PendingTunDelete* latest = chain_.take_all();
     PendingTunDelete* oldest = nullptr;
-    while (newest != nullptr) {
-        PendingTunDelete* const before = newest->next;
-        newest->next = oldest;
-        oldest = newest;
-        newest = before;
+    while (latest != nullptr) {
+        PendingTunDelete* const before = latest->next;
+        latest->next = oldest;
+        oldest = latest;
+        latest = before;
     }
     return oldest;
 }

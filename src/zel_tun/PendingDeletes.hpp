@@ -2,11 +2,11 @@
 //
 // Queued by any thread, under fd_map_mutex, which makes the order that of the destructions; taken
 // by the receive thread without it, because packets must not wait while an operation on instances
-// or criteria holds it across commands. The newest record is at the head of a chain, which the
-// receive thread takes away as a whole: no record is looked at by two threads.
+// or criteria holds it across commands.
 #pragma once
 
-#include <atomic>
+#include "Chain.hpp"
+
 #include <memory>
 #include <string>
 
@@ -21,13 +21,13 @@ struct PendingTunDelete {
 
 class PendingTunDeletes {
 public:
-    void push_back(std::unique_ptr<PendingTunDelete> deletion);
+    void push_back(std::unique_ptr<PendingTunDelete> deletion) { chain_.add(deletion.release()); }
 
     // The chain of all records, oldest first. Receive thread only.
     PendingTunDelete* take_all();
 
 private:
-    std::atomic<PendingTunDelete*> newest_{nullptr};
+    Chain<PendingTunDelete> chain_;
 };
 
 // On the receive thread: runs the queued deletions in their order.

@@ -37,9 +37,8 @@ bool TunDescriptor::try_acquire() {
     return false;
 }
 
-void TunDescriptor::release() {
-    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1)
-        close_number();
+bool TunDescriptor::release() {
+    return references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
 }
 
 void TunDescriptor::close_number() {
@@ -60,6 +59,12 @@ void TunDescriptor::count_sent(std::uint32_t bytes) const {
 
 void TunDescriptor::end_device_with_descriptor() const {
     ioctl(number_, TUNSETPERSIST, 0);
+}
+
+void TunReference::reset() {
+    TunDescriptor* const descriptor = std::exchange(descriptor_, nullptr);
+    if (descriptor != nullptr && descriptor->release())
+        descriptor->close_number();
 }
 
 TunReference FdMap::adopt(int number, int family, int index) {
@@ -85,6 +90,20 @@ TunReference FdMap::erase(int number) {
     return TunReference{&descriptors_[number]};
 }
 
+bool FdMap::leave(TunReference descriptor) {
+    TunDescriptor* const left = std::exchange(descriptor.descriptor_, nullptr);
+    if (!left->release())
+        return false;
+    left_.add(left);
+    return true;
+}
+
+void FdMap::close_left() {
+    TunDescriptor* left = left_.take_all();
+    while (left != nullptr)
+        std::exchange(left, left->next)->close_number();
+}
+
 // Multiplied by the golden ratio: indices in a row, or with a common factor, scatter.
 unsigned TunFds::first_position(int index) {
     return (static_cast<std::uint32_t>(index) * 2654435769U) >> (32 - log2_size);
@@ -102,6 +121,7 @@ TunReference TunFds::acquire(int index) const {
         TunReference found{&descriptor(entry)};
         if (entries_[position].load(std::memory_order_acquire) == entry && found->index() == index)
             return found;
+        fd_map_.leave(std::move(found));
     }
     return {};
 }

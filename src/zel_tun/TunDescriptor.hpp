@@ -28,13 +28,17 @@
 //    removed one becomes unused again only when nothing can lie beyond it (see TunFds::erase). So
 //    a lookup never misses a device that is there all the time, and one that finds nothing is right
 //    for a moment within it.
-// 6. The last reference to go closes the descriptor, on whatever thread. Between the count's fall
-//    to 0 and close() the number is still taken; after it the closing thread touches nothing.
+// 6. The last reference to go closes the descriptor. Between the count's fall to 0 and close() the
+//    number is still taken; after it the closing thread touches nothing.
+// 7. A sender never closes: it takes Linux tens of milliseconds to let go of a device. It leaves
+//    that to the receive thread, or, where there is none, to the next destruction.
 // A thread that is cancelled in write() gives its reference back as it unwinds. One that is stopped
 // for ever keeps one descriptor open, and nobody else waits. Any number of threads may send; the
 // table cannot fill up, because half as many numbers exist as it has entries. Nothing wider than 32
 // bits is accessed atomically.
 #pragma once
+
+#include "Chain.hpp"
 
 #include <zelkernel/statistics.h>
 
@@ -74,10 +78,12 @@ private:
     friend class FdMap;
     friend class TunReference;
     friend class TunFds;
+    friend class Chain<TunDescriptor>;
 
     void adopt(int number, int family, int index);
     bool try_acquire();
-    void release();
+    // True when it was the last reference: close_number() is the caller's to see to.
+    [[nodiscard]] bool release();
     void close_number();
 
     std::atomic<std::uint32_t> references_{0};
@@ -88,6 +94,7 @@ private:
     int ip_version_ = 0;
     bool keep_open_ = false;
     zel_statistics_device* counters_ = nullptr;
+    TunDescriptor* next = nullptr; // of those left to be closed
 };
 
 // Owns one reference, or none.
@@ -102,10 +109,7 @@ public:
     }
     ~TunReference() { reset(); }
 
-    void reset() {
-        if (descriptor_ != nullptr)
-            std::exchange(descriptor_, nullptr)->release();
-    }
+    void reset();
     explicit operator bool() const { return descriptor_ != nullptr; }
     TunDescriptor* operator->() const { return descriptor_; }
 
@@ -135,10 +139,16 @@ public:
     void insert(TunReference descriptor);
     TunReference erase(int number);
 
+    // A sender's way to give its reference back. True when it was the last: the descriptor stays
+    // open until close_left(), which may take long.
+    bool leave(TunReference descriptor);
+    void close_left();
+
 private:
     friend class TunFds;
 
     TunDescriptor descriptors_[FD_SETSIZE];
+    Chain<TunDescriptor> left_;
 };
 
 // Interface index to descriptor, of one family.

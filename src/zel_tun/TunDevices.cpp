@@ -30,6 +30,12 @@ bool attach_to_device(int fd, const std::string& device) {
     return ioctl(fd, TUNSETIFF, &request) >= 0;
 }
 
+// A device that Linux is taking away is ready without a packet for tens of milliseconds: the
+// receive thread must not wait in its read() meanwhile.
+void read_without_waiting(int fd) {
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+}
+
 // Nothing, with the reason in `output`, when the device cannot be opened.
 TunReference open_device(OutputText& output, const std::string& device, int family, int index) {
     const int fd = open(tun_driver, O_RDWR | O_CLOEXEC);
@@ -42,6 +48,7 @@ TunReference open_device(OutputText& output, const std::string& device, int fami
     } else if (!attach_to_device(fd, device)) {
         output.append("ioctl() failed for %s\r\n", device.c_str());
     } else {
+        read_without_waiting(fd);
         return state->fd_map.adopt(fd, family, index);
     }
     close(fd);
@@ -118,6 +125,7 @@ void zel_tun_destroy(char* output, const char* name, int index, int family) {
         if (descriptor)
             end_device(*descriptor.operator->());
         descriptor.reset();
+        state->fd_map.close_left();
         wakeup_zel_tun_packet_receive();
     });
 }
