@@ -98,10 +98,12 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
             for (int turn = reader; !stop; ++turn) {
                 const int index = turn % indices;
                 // Two of the three as senders do, one as the receive thread does.
-                const TunReference device = reader < 2 ? tables->tun4_fds.acquire(index)
-                                                       : tables->fd_map.acquire(3 + turn % 32);
+                TunReference device = reader < 2 ? tables->tun4_fds.acquire(index)
+                                                 : tables->fd_map.acquire(3 + turn % 32);
                 const bool is_right = device ? device->index() == index : index != lasting;
                 ASSERT_TRUE(is_right || reader == 2);
+                if (reader == 2)
+                    tables->fd_map.close_left();
                 // A system call now and then only: the fewer, the more often a reader is
                 // interrupted where it matters.
                 if (!device || turn % 64 != 0)
@@ -110,6 +112,8 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
                 EXPECT_EQ(pread(device->number(), &stands_for, sizeof stands_for, 0),
                           ssize_t{sizeof stands_for});
                 EXPECT_EQ(stands_for, device->index());
+                if (reader < 2)
+                    tables->fd_map.leave(device);
                 ++found;
             }
         });
@@ -133,6 +137,7 @@ TEST(TunFds, NeverShowADeviceThatIsHalfMadeGoneOrAnothers) {
     stop = true;
     for (std::thread& reader : readers)
         reader.join();
+    tables->fd_map.close_left();
     for (int index = 0; index < indices; ++index) {
         if (const int number = tables->tun4_fds.find(index); number != -1) {
             remove(*tables, index);

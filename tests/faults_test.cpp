@@ -253,8 +253,10 @@ TEST_F(ReceiveThread, GivesTheBufferBackWhenAReadFailsAndGoesOn) {
         EXPECT_EQ(stack.freed - freed, 1);
         EXPECT_EQ(stack.allocated - allocated, 2);
     }
-    interposed::write = [](int, const void*, size_t) -> ssize_t { return 3; };
-    zel_tun_ipv4_packet_send(1, "packet", 6); // short, and nobody is told
+    static std::atomic<int> writes{0};
+    interposed::write = [](int, const void*, size_t) -> ssize_t { return ++writes, 3; };
+    zel_tun_ipv4_packet_send(1, "packet", 6); // short, and neither told nor repeated
+    EXPECT_EQ(writes, 1);
 }
 
 TEST_F(ReceiveThread, DeletesInTheNextPassWhenThePipeCannotBeRead) {

@@ -41,8 +41,9 @@ struct Stack {
     std::mutex mutex;
     std::deque<std::pair<int, std::string>> received; // index, packet
     std::atomic<int> allocations = 0, last_size = 0, freed = 0, select_count = 0;
-    std::atomic<bool> has_buffers = true;
-    Once in_alloc, before_select, before_write;
+    std::atomic<bool> has_buffers = true, has_read_pipe = false;
+    std::atomic<size_t> last_read = 0;
+    Once in_alloc, before_select, after_select, before_write;
 
     std::pair<int, std::string> take() {
         std::pair<int, std::string> packet{-1, std::string(100, '?')};
@@ -155,7 +156,16 @@ protected:
         interposed::select = [](int count, auto... arguments) {
             stack.before_select();
             stack.select_count = count;
-            return real::select(count, arguments...);
+            stack.has_read_pipe = false;
+            const int result = real::select(count, arguments...);
+            stack.after_select();
+            return result;
+        };
+        interposed::read = [](int fd, void* data, size_t size) {
+            EXPECT_FALSE(stack.has_read_pipe) << "before the packets of the pass";
+            stack.has_read_pipe = size == 100;
+            stack.last_read = size;
+            return real::read(fd, data, size);
         };
         interposed::write = [](int fd, const void* data, size_t size) {
             if (size >= 20) // a packet; a wake-up is shorter
@@ -195,6 +205,11 @@ TEST_F(Packets, GoBothWaysByteForByteInInstancesWithTheSameAddresses) {
             EXPECT_EQ(recv(socket, back, sizeof back, MSG_DONTWAIT), -1);
         }
     }
+    zel_tun_ipv6_mtu(nullptr, 0, "red", 0, 1400); // not that of IPv4's
+    EXPECT_TRUE(eventually([socket = udp_socket("red", AF_INET6)] {
+        send(socket, "x", "fd00::2");
+        return stack.last_size == 1400;
+    }));
 }
 
 TEST_F(Packets, AreReadWithTheDevicesMtuAndDroppedWithoutABufferOrDevice) {
@@ -203,15 +218,20 @@ TEST_F(Packets, AreReadWithTheDevicesMtuAndDroppedWithoutABufferOrDevice) {
     const std::pair<int, int> mtu_and_size[] = {
         {1500, 1500}, {600, 600}, {70000, 65535}, {0, 65535}, {-7, 65535}};
     for (const auto& [mtu, size] : mtu_and_size) {
+        interposed::popen = [&, size = size](const char* command, const char* mode) {
+            send(socket, "x"); // while the command has still to run
+            EXPECT_EQ(stack.take().second.size(), 29u);
+            EXPECT_EQ(stack.last_size, size);
+            return real::popen(command, mode);
+        };
         zel_tun_ipv4_mtu(nullptr, 0, "red", 3, mtu);
-        send(socket, "x");
-        EXPECT_EQ(stack.take().second.size(), 29u);
-        EXPECT_EQ(stack.last_size, size);
     }
+    interposed::popen = nullptr;
     stack.has_buffers = false;
     for (int i = 0; i < 3; ++i)
         send(socket, "dropped");
     EXPECT_TRUE(eventually([] { return stack.allocations == 8; }));
+    EXPECT_EQ(stack.last_read, 1u);
     stack.in_alloc = [] { stack.has_buffers = true; };
     send(socket, "kept");
     EXPECT_EQ(stack.take().second.substr(28), "kept");
@@ -330,8 +350,8 @@ TEST_F(Packets, OfAnyOfManyDevicesArriveHoweverLongThatWasIdle) {
         return -1;
     };
     interposed::epoll_ctl = [](int set, int action, int fd, auto event) {
-        return action == EPOLL_CTL_ADD && fd % 2 == 0 ? -1
-                                                      : real::epoll_ctl(set, action, fd, event);
+        return action == EPOLL_CTL_ADD && fd / 2 % 2 == 0 ? -1
+                                                          : real::epoll_ctl(set, action, fd, event);
     };
     constexpr int devices = 12;
     EXPECT_TRUE(eventually([] { return stack.select_count != 0; }));
@@ -368,22 +388,32 @@ TEST_F(Packets, AreNeverReadFromAClosedDescriptor) {
     const int count_without_devices = stack.select_count;
     add_interface("red", 3);
     add_interface("blue", 4);
+    zel_tun_ipv4_create(nullptr, 0, "blue", 5);
     const int first = udp_socket("red"), second = udp_socket("blue");
     // The first packet holds the receive thread up until both devices are ready for one pass; the
     // second device is destroyed within it.
     stack.in_alloc = [&] {
         send(first, "1");
         send(second, "2");
-        stack.in_alloc = [] { zel_tun_ipv4_destroy(nullptr, 0, "blue", 4); };
+        stack.in_alloc = [&] {
+            zel_tun_ipv4_destroy(nullptr, 0, "blue", 4);
+            // The first device, when the next wait has found it ready.
+            stack.in_alloc = [&] {
+                send(first, "3");
+                stack.after_select = [] { zel_tun_ipv4_destroy(nullptr, 0, "red", 3); };
+            };
+        };
     };
     send(first, "0");
     for (const char* payload : {"0", "1", "2"})
         EXPECT_EQ(stack.take().second.substr(28), payload);
     EXPECT_TRUE(loses_device("blue", "tun4_4"));
-    // Gone between the copy of the set and select(), which must not fail.
-    stack.before_select = [] { zel_tun_ipv4_destroy(nullptr, 0, "red", 3); };
-    send(first, "3");
     EXPECT_TRUE(loses_device("red", "tun4_3"));
+    EXPECT_EQ(stack.allocations, 3);
+    // Gone between the copy of the set and select(), which must not fail.
+    stack.before_select = [] { zel_tun_ipv4_destroy(nullptr, 0, "blue", 5); };
+    zel_tun_ipv4_destroy(nullptr, 0, "blue", 9);
+    EXPECT_TRUE(loses_device("blue", "tun4_5"));
     EXPECT_TRUE(eventually([&] { return stack.select_count == count_without_devices; }));
 }
 

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <unistd.h>
-#include <utility>
 
 namespace zel::network {
 namespace {
@@ -20,7 +19,7 @@ void zel_tun_packet_send(int index, const void* packet, size_t length, const Tun
     device->count_sent(static_cast<std::uint32_t>(length));
     [[maybe_unused]] const ssize_t written = write(device->number(), packet, length);
     ZEL_PROBE(packet_sent, device->ip_version(), index, length);
-    if (state->fd_map.leave(std::move(device))) [[unlikely]]
+    if (state->fd_map.leave(device)) [[unlikely]]
         wakeup_zel_tun_packet_receive();
 }
 

@@ -48,7 +48,7 @@ void zel_tun_init() {
         zel_fatal("Failed to initialize FD map mutex", module_file, 848);
     if (!has_tun_driver()) {
         std::printf("No IP stack synchronization.\r\n");
-        state->rx_wakeup_read_fd = -1;
+        state->rx_wakeup_read_fd = state->rx_wakeup_write_fd = -1;
         return;
     }
     make_wakeup_pipe();

@@ -21,7 +21,7 @@ void TunDescriptor::adopt(int number, int family, int index) {
     number_ = number;
     keep_open_ = false;
     ip_version_ = family == AF_INET ? 4 : 6;
-    counters_ = claim_device_counters(static_cast<std::uint32_t>(ip_version_), index, uncounted);
+    counters_ = claim_device_counters(ip_version_, index, uncounted);
     index_.store(index, std::memory_order_relaxed);
     mtu_.store(default_mtu, std::memory_order_relaxed);
     references_.store(1, std::memory_order_release);
@@ -37,8 +37,9 @@ bool TunDescriptor::try_acquire() {
     return false;
 }
 
-bool TunDescriptor::release() {
-    return references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+void TunDescriptor::release() {
+    if (drop())
+        close_number();
 }
 
 void TunDescriptor::close_number() {
@@ -59,12 +60,6 @@ void TunDescriptor::count_sent(std::uint32_t bytes) const {
 
 void TunDescriptor::end_device_with_descriptor() const {
     ioctl(number_, TUNSETPERSIST, 0);
-}
-
-void TunReference::reset() {
-    TunDescriptor* const descriptor = std::exchange(descriptor_, nullptr);
-    if (descriptor != nullptr && descriptor->release())
-        descriptor->close_number();
 }
 
 TunReference FdMap::adopt(int number, int family, int index) {
@@ -90,12 +85,11 @@ TunReference FdMap::erase(int number) {
     return TunReference{&descriptors_[number]};
 }
 
-bool FdMap::leave(TunReference descriptor) {
-    TunDescriptor* const left = std::exchange(descriptor.descriptor_, nullptr);
-    if (!left->release())
-        return false;
-    left_.add(left);
-    return true;
+bool FdMap::leave(TunDescriptor* descriptor) {
+    const bool is_last = descriptor->drop();
+    if (is_last)
+        left_.add(descriptor);
+    return is_last;
 }
 
 void FdMap::close_left() {
@@ -118,10 +112,10 @@ TunReference TunFds::acquire(int index) const {
         if (entry == removed || descriptor(entry).index() != index ||
             !descriptor(entry).try_acquire())
             continue;
-        TunReference found{&descriptor(entry)};
+        TunDescriptor* const found = &descriptor(entry);
         if (entries_[position].load(std::memory_order_acquire) == entry && found->index() == index)
-            return found;
-        fd_map_.leave(std::move(found));
+            return TunReference{found};
+        fd_map_.leave(found);
     }
     return {};
 }

@@ -82,8 +82,9 @@ private:
 
     void adopt(int number, int family, int index);
     bool try_acquire();
+    void release();
     // True when it was the last reference: close_number() is the caller's to see to.
-    [[nodiscard]] bool release();
+    bool drop() { return references_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
     void close_number();
 
     std::atomic<std::uint32_t> references_{0};
@@ -91,7 +92,7 @@ private:
     std::atomic<int> index_{0}; // also read by lookups that have no reference yet
     std::atomic<int> mtu_{0};
     int number_ = -1;
-    int ip_version_ = 0;
+    std::uint8_t ip_version_ = 0;
     bool keep_open_ = false;
     zel_statistics_device* counters_ = nullptr;
     TunDescriptor* next = nullptr; // of those left to be closed
@@ -109,7 +110,10 @@ public:
     }
     ~TunReference() { reset(); }
 
-    void reset();
+    void reset() {
+        if (descriptor_ != nullptr)
+            std::exchange(descriptor_, nullptr)->release();
+    }
     explicit operator bool() const { return descriptor_ != nullptr; }
     TunDescriptor* operator->() const { return descriptor_; }
 
@@ -141,11 +145,15 @@ public:
 
     // A sender's way to give its reference back. True when it was the last: the descriptor stays
     // open until close_left(), which may take long.
-    bool leave(TunReference descriptor);
+    bool leave(TunReference& reference) {
+        return leave(std::exchange(reference.descriptor_, nullptr));
+    }
     void close_left();
 
 private:
     friend class TunFds;
+
+    bool leave(TunDescriptor* descriptor);
 
     TunDescriptor descriptors_[FD_SETSIZE];
     Chain<TunDescriptor> left_;
