@@ -395,6 +395,7 @@ TEST_F(Packets, AreNeverReadFromAClosedDescriptor) {
     stack.in_alloc = [&] {
         send(first, "1");
         send(second, "2");
+        zel_tun_ipv4_destroy(nullptr, 0, "blue", 9); // the wake-up pipe is ready, too
         stack.in_alloc = [&] {
             zel_tun_ipv4_destroy(nullptr, 0, "blue", 4);
             // The first device, when the next wait has found it ready.
