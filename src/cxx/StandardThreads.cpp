@@ -87,6 +87,8 @@ void start_thread(std::thread* self, State state, void (*depend)()) __asm__(
     "EEPFvvE");
 void destroy_condition(std::condition_variable* self) noexcept
     __asm__("__wrap__ZNSt18condition_variableD1Ev");
+void destroy_base_condition(std::condition_variable* self) noexcept
+    __asm__("__wrap__ZNSt18condition_variableD2Ev");
 std::chrono::steady_clock::time_point now() noexcept
     __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
 
@@ -102,6 +104,11 @@ void start_thread(std::thread* self, State state, void (*)()) {
 // Not the destructor of libstdc++, which a shared one would call without the library's knowledge.
 void destroy_condition(std::condition_variable* self) noexcept {
     __wrap_pthread_cond_destroy(self->native_handle());
+}
+
+// Of a class that is derived from it.
+void destroy_base_condition(std::condition_variable* self) noexcept {
+    destroy_condition(self);
 }
 
 // From boot, as the standard library's waits count, whichever libstdc++ they are in.

@@ -8,16 +8,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
 #include <exception>
 #include <iterator>
+#include <latch>
 #include <locale>
 #include <mutex>
 #include <new>
 #include <semaphore>
+#include <shared_mutex>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -191,6 +194,35 @@ bool waits_are_notified() {
     return true;
 }
 
+// What takes nothing of what is redirected; if one did not do its part, this would not end.
+bool others_are_right() {
+    static std::latch latch{2};
+    static std::barrier barrier{2};
+    static std::shared_mutex shared;
+    static std::once_flag once;
+    static std::atomic<int> calls, ended;
+    struct Local {
+        ~Local() {
+            ++ended;
+            ended.notify_one();
+        }
+    };
+    const auto routine = [](void* arg) -> void* {
+        const thread_local Local local;
+        static_cast<void>(local);
+        std::call_once(once, [] { ++calls; });
+        std::shared_lock lock(shared);
+        latch.arrive_and_wait();
+        barrier.arrive_and_wait();
+        return arg;
+    };
+    pthread_t id{};
+    pthread_create(&id, nullptr, routine, nullptr);
+    routine(nullptr);
+    ended.wait(0);
+    return calls == 1 && std::unique_lock{shared, std::try_to_lock};
+}
+
 std::chrono::nanoseconds kernel_time() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -230,11 +262,12 @@ bool static_objects_are_guarded_by_the_library() {
 
 // Whether the library still takes the clock of a condition variable that is gone for that of the
 // next one at its address.
+template<typename Condition>
 bool a_wait_on_the_system_clock_leaves_an_entry(std::unique_lock<std::mutex>& lock) {
-    alignas(std::condition_variable) unsigned char place[sizeof(std::condition_variable)];
-    auto* standard = new (place) std::condition_variable;
+    alignas(Condition) unsigned char place[sizeof(Condition)];
+    auto* standard = new (place) Condition;
     standard->wait_until(lock, system_clock::now());
-    standard->~condition_variable();
+    standard->~Condition();
     auto* next = reinterpret_cast<pthread_cond_t*>(place);
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
@@ -255,7 +288,10 @@ bool a_wait_on_the_system_clock_leaves_an_entry(std::unique_lock<std::mutex>& lo
 const char* outcome_of(std::string_view action) {
     const auto routine = [] { std::this_thread::sleep_for(20ms); };
     if (action == "jthread-destructor") {
-        const std::jthread thread(routine);
+        const std::jthread thread([&](std::stop_token stop) {
+            while (!stop.stop_requested())
+                routine();
+        });
     } else if (action == "destructor-after-join") {
         std::thread thread(routine);
         try {
@@ -301,6 +337,7 @@ int main(int argc, const char* const* argv) {
     fact("steady-clock-from", start_of_steady_clock());
     fact("system-clock-right", system_clock_is_right());
     fact("waits-are-notified", waits_are_notified());
+    fact("others-right", others_are_right());
     std::condition_variable condition;
     std::mutex mutex;
     std::unique_lock lock(mutex);
@@ -310,11 +347,20 @@ int main(int argc, const char* const* argv) {
     std::timed_mutex timed;
     timed.lock();
     fact("try-lock-for-waits", takes_30_ms([&] { static_cast<void>(timed.try_lock_for(30ms)); }));
+    std::shared_timed_mutex shared;
+    shared.lock_shared();
+    fact("shared-try-lock-for-waits",
+         takes_30_ms([&] { static_cast<void>(shared.try_lock_for(30ms)); }));
+    std::condition_variable_any any;
+    fact("any-wait-for-waits", takes_30_ms([&] { any.wait_for(lock, 30ms); }));
     std::counting_semaphore<1> none{0};
     fact("semaphore-waits", takes_30_ms([&] { static_cast<void>(none.try_acquire_for(30ms)); }));
     fact("wait-until-system-clock-waits",
          takes_30_ms([&] { condition.wait_until(lock, system_clock::now() + 30ms); }));
-    fact("wait-until-system-clock-leaves-entry", a_wait_on_the_system_clock_leaves_an_entry(lock));
+    struct Derived : std::condition_variable {}; // ends by another entry point
+    fact("wait-until-system-clock-leaves-entry",
+         a_wait_on_the_system_clock_leaves_an_entry<std::condition_variable>(lock));
+    fact("derived-leaves-entry", a_wait_on_the_system_clock_leaves_an_entry<Derived>(lock));
     fact("sleep-for-sleeps", takes_30_ms([] { std::this_thread::sleep_for(30ms); }));
     fact("sleep-until-sleeps",
          takes_30_ms([] { std::this_thread::sleep_until(steady_clock::now() + 30ms); }));
