@@ -11,6 +11,7 @@ import tempfile
 import unittest
 
 CC = os.environ["CC"]
+FUNCTIONS = os.environ["FUNCTIONS"]
 
 
 def run(*command, **options):
@@ -197,6 +198,16 @@ class CheckWraps(unittest.TestCase):
             self.assertEqual(check_wraps(unit), (0, {}))
             program = self.build("program", "int main(void) { }", unit, compiler=compiler)
             self.assertEqual(check_wraps(program), (1, {("program", "left-unwrapped"): [call]}))
+        # Whatever the system's headers call a wrapped function, it is one of the list.
+        with open(FUNCTIONS, encoding="ascii") as lines:
+            functions = re.findall(r"^[a-z]\w+$", lines.read(), re.M)
+        source = "#define _GNU_SOURCE\n#include <pthread.h>\n#include <semaphore.h>\n#include <time.h>\n" \
+                 "#include <unistd.h>\n" + "".join(f"void* f_{f}() {{ return {f}; }}\n" for f in functions)
+        for bits in ("-D_TIME_BITS=64", "-D_FILE_OFFSET_BITS=64"), ("-U_TIME_BITS", "-U_FILE_OFFSET_BITS"):
+            unit = self.build("calls.o", source, "-c", *bits, compiler=compiler)
+            called = check_wraps("--all", unit)[1]["calls.o", "left-unwrapped"]
+            self.assertEqual(len(called), len(functions), called)
+
         names = self.calls("names.o", "__lseek64", "__fixunsdfdi64", "__pthread_cond_timedwait64",
                            "__pthread_cond_clockwait64", "__clock_nanosleep_time64", "__mtx_timedlock64",
                            options=["-c"], compiler=compiler)
