@@ -17,6 +17,9 @@ SRC_URI = "${ZELKERNEL_GIT};destsuffix=${BP}"
 
 inherit cmake pkgconfig
 
+# pthread_getattr_default_np and two widths of time are glibc's alone.
+COMPATIBLE_HOST:libc-musl:class-target = "null"
+
 EXTRA_OECMAKE = "-DZELKERNEL_BUILD_TESTS=OFF -DZELKERNEL_BUILD_PLATFORM=OFF"
 
 # sys/sdt.h, the header of the probe points that zelkernel-trace records.
