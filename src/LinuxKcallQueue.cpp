@@ -97,7 +97,7 @@ timespec period_of(uint32_t tick_period_us) {
 void block_tick_signal() {
     sigemptyset(&mask);
     sigaddset(&mask, SIGRTMIN);
-    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+    sigprocmask(SIG_BLOCK, &mask, nullptr); // of this thread alone, on Linux
 }
 
 // Failures are not examined: without a timer there is no tick.
