@@ -119,24 +119,4 @@ TEST_F(Conditions, WithoutMemoryInitialisationFailsAndAWaitGoesOn) {
     EXPECT_TRUE(is_shifted());
 }
 
-// An early wake-up is a fault, lateness is the machine's.
-TEST_F(Conditions, AWaitEndsAtItsDeadlineOnTheKernelsClockAndNotBefore) {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    set_start_time(now.tv_sec * 1'000'000'000LL + now.tv_nsec, true);
-    EXPECT_EQ(__wrap_pthread_cond_init(&cond, &monotonic), 0);
-    __wrap_pthread_mutex_lock(&mutex);
-    for (long ms : {0, 1, 30}) {
-        timespec deadline, end;
-        __wrap_clock_gettime(CLOCK_MONOTONIC, &deadline);
-        EXPECT_LT(deadline.tv_sec, 60);
-        deadline.tv_nsec += ms * 1'000'000; // may exceed a second
-        EXPECT_EQ(__wrap_pthread_cond_timedwait(&cond, &mutex, &deadline), ETIMEDOUT);
-        __wrap_clock_gettime(CLOCK_MONOTONIC, &end);
-        EXPECT_GE(end.tv_sec * 1'000'000'000LL + end.tv_nsec,
-                  deadline.tv_sec * 1'000'000'000LL + deadline.tv_nsec);
-    }
-    EXPECT_EQ(__wrap_pthread_mutex_unlock(&mutex), 0); // the wait has taken it again
-}
-
 } // namespace

@@ -5,6 +5,8 @@
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a),
               noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
 
 namespace {
 
@@ -123,6 +125,43 @@ TEST_F(Queue, CancelsEveryPendingCallWithTheSameFourWords) {
     EXPECT_THAT(ran, ElementsAre(2, 3, 101, 2, 3, 101));
     kcall_dequeue(word(note), 3, 9, 3); // is not pending any more
     EXPECT_EQ(KCallList[3].function, word(note));
+}
+
+// The poller runs under the lock, a call without it; what happens while a caller waits for the lock
+// counts, and its own change is whole when the lock is free again.
+TEST_F(Queue, IsReadAndChangedUnderItsLockAlone) {
+    static std::string steps; // of the kernel-call thread
+    static std::function<void()> meanwhile;
+    static const KernelCall* last_at_unlock;
+    interposed::pthread_mutex_lock = [](pthread_mutex_t* mutex) {
+        if (mutex == &kcall_mutex && meanwhile != nullptr)
+            std::exchange(meanwhile, nullptr)();
+        const int result = real::pthread_mutex_lock(mutex);
+        if (mutex == &kcall_mutex && zel_get_current_context() == 1)
+            steps += '(';
+        return result;
+    };
+    interposed::pthread_mutex_unlock = [](pthread_mutex_t* mutex) {
+        if (mutex == &kcall_mutex && zel_get_current_context() == 1)
+            steps += ')';
+        last_at_unlock = KCallIn;
+        return real::pthread_mutex_unlock(mutex);
+    };
+    const auto call = [](zel_word_t, zel_word_t, zel_word_t) { steps += "call"; };
+    const auto queue = [&] { kcall_enqueue(word(call), 0, 0, 0); };
+    const auto cancel = [&] { kcall_dequeue(word(call), 0, 0, 0); };
+    meanwhile = queue;
+    queue();
+    EXPECT_EQ(last_at_unlock, &KCallList[2]);
+    meanwhile = [] { KCallLevel = 1; }; // a pass begins
+    cancel();
+    KCallRunPoller = [] { steps += "poll", ++polls; };
+    KCallLevel = 0;
+    tick();
+    EXPECT_EQ(steps, "(poll)call()call()");
+    meanwhile = queue;
+    cancel();
+    EXPECT_EQ(KCallList[3].function, word(Empty));
 }
 
 TEST_F(Queue, DoesNothingAtATickWhileTheApplicationSetsTheLevel) {

@@ -38,9 +38,7 @@ Locking locking_of(void (*operation)(), bool turn_off_inside = false) {
             --seen->held;
         return real::pthread_mutex_unlock(mutex);
     };
-    interposed::popen = [](const char* command, const char* mode) {
-        if (seen == nullptr) // the kernel-call thread looks for its processors
-            return real::popen(command, mode);
+    interposed::popen = [](const char*, const char* mode) {
         ++(seen->held != 0 ? seen->commands_inside : seen->commands_outside);
         return real::popen(":", mode);
     };
@@ -59,14 +57,11 @@ bool inherits_priority(pthread_mutex_t* mutex) {
     return under_thread_sanitizer || real::pthread_mutex_unlock(mutex) == EPERM; // reports it
 }
 
-struct Ceiling : testing::Test {
-    Ceiling() { kernel_priorities = {0, 0, 0, 0, 0, 0, 0, 0, 10}; } // a shift of -10
-    pthread_mutexattr_t attr{};
-    pthread_mutex_t mutex{};
+TEST(Ceiling, IsShiftedInAttributesAndMutexes) {
+    kernel_priorities = {0, 0, 0, 0, 0, 0, 0, 0, 10}; // by -10
+    pthread_mutexattr_t attr;
+    pthread_mutex_t mutex;
     int value = 0;
-};
-
-TEST_F(Ceiling, IsShiftedInAttributesAndMutexes) {
     EXPECT_EQ(__wrap_pthread_mutexattr_init(&attr), 0);
     pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_PROTECT);
     EXPECT_EQ(__wrap_pthread_mutexattr_setprioceiling(&attr, 5), 0);
@@ -155,6 +150,13 @@ TEST(Locks, AreTakenByEveryOperationThatTouchesSharedState) {
                  &id, nullptr, [](void* arg) { return arg; }, nullptr);
              pthread_join(id, nullptr);
          }},
+        {Registry,
+         [] {
+             auto* const block =
+                 static_cast<ThreadStartBlock*>(std::malloc(sizeof(ThreadStartBlock)));
+             *block = {[](void* arg) { return arg; }, nullptr};
+             thread_func(block); // as a thread that ends
+         }},
         {Conditions, [] { __wrap_pthread_cond_init(&cond, nullptr); }},
         {Conditions,
          [] {
@@ -176,6 +178,7 @@ TEST(Locks, AreTakenByEveryOperationThatTouchesSharedState) {
         {KernelCalls, [] { kcall_enqueue(empty, 0, 0, 0); }},
         {KernelCalls, [] { kcall_dequeue(empty, 0, 0, 0); }},
     };
+    num_processors = 1; // no command is needed to count them
     kernel_priorities.kcall_thread_priority = 50;
     kcall_initialize_queue(nullptr, 4'000'000);
     zel_tun_init();

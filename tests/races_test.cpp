@@ -1,9 +1,6 @@
 // Races under load, and moments that a race would have to hit, brought about.
-#include "support/manual_tick.hpp"
 #include "support/test.hpp"
 #include "support/tun_interface.hpp"
-
-#include <barrier>
 
 ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
 ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
@@ -14,8 +11,6 @@ ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
 namespace {
 
 using namespace zel::test;
-using Drivers::Api::InterruptProcessing::DeferredServiceRoutine;
-using Drivers::Devices::InterruptProcessing::LinuxDeferredServiceController;
 
 // The routine has made its thread cancellable at any moment; it is cancelled at each call that the
 // library makes on its behalf once the routine has returned.
@@ -83,66 +78,6 @@ TEST(Cancellation, WithinACommandLeavesNoLockDescriptorOrProcess) {
             alarm(0);
         }
     }
-}
-
-// Queued and cancelled from many threads while the kernel-call thread runs them: a call runs or its
-// entry in the queue has become Empty, never both and never neither.
-TEST(KernelCalls, OfManyThreadsRunOnceOrAreCancelled) {
-    // A thread that spins there keeps the one it waits for, of lower priority, from running.
-    if (under_thread_sanitizer || under_address_sanitizer)
-        GTEST_SKIP() << "the sanitizer's own locks spin and know no SCHED_FIFO priorities";
-    struct Routine final : DeferredServiceRoutine {
-        void dsr() override { ++runs; }
-        std::atomic<int> runs{0};
-    };
-    constexpr int threads = 8, each = 125; // together they fit
-    const ManualTick ticks;
-    LinuxDeferredServiceController* controller = LinuxDeferredServiceController::getInstance();
-    int released = 0;
-    // The emulator takes a good part of a second for a round beside load, and serialises much of
-    // it.
-    const int rounds = running_under_user_emulation() ? 50 : 200;
-    for (int round = 0; round < rounds; ++round) {
-        std::vector<Routine> routines(threads * each);
-        pthread_mutex_lock(&kcall_mutex);
-        KCallIn = KCallOut = KCallList;
-        pthread_mutex_unlock(&kcall_mutex);
-        std::barrier full{threads};
-        std::list<KernelThread> users;
-        for (int t = 0; t < threads; ++t) {
-            users.emplace_back(Attributes{1 + t % 3}, [&, t] {
-                setThreadAffinityAllCpus();
-                Routine* const own = &routines[static_cast<size_t>(t * each)];
-                for (int i = 0; i < each; ++i) {
-                    controller->defer(&own[i]);
-                    if (i % 4 == 0)
-                        controller->release(&own[i]);
-                    if (round % 2 == 0 && i % 10 == 0)
-                        ticks.signal();
-                }
-                // In a full queue a release takes long: the tick falls into one. (A spinning
-                // barrier would keep the emulator busy for most of its time.)
-                full.arrive_and_wait();
-                for (int i = 0; i < each; ++i) {
-                    if (i == each / 2 && t == round % threads)
-                        ticks.signal();
-                    controller->release(&own[i]);
-                }
-            });
-        }
-        for (KernelThread& user : users)
-            user.join();
-        ASSERT_TRUE(ticks.tick());
-        ASSERT_EQ(KCallIn, &KCallList[threads * each]);
-        for (size_t entry = 1; entry <= threads * each; ++entry) {
-            const KernelCall& call = KCallList[entry];
-            const bool is_released = call.function == reinterpret_cast<zel_word_t>(&Empty);
-            released += is_released;
-            auto* routine = reinterpret_cast<DeferredServiceRoutine*>(call.arguments[0]);
-            ASSERT_EQ(static_cast<Routine*>(routine)->runs, is_released ? 0 : 1);
-        }
-    }
-    EXPECT_GT(released, 0);
 }
 
 // --- TUN devices
@@ -232,63 +167,6 @@ TEST(TunDevices, ComeAndGoWithoutTouchingAnyOtherDescriptor) {
     EXPECT_GT(packets_received, 0);
     EXPECT_EQ(wrong_packets, 0);
     EXPECT_EQ(touched, 0);
-}
-
-// --- Routing instances
-
-std::string rules_of(const std::string& instance) {
-    const std::string inside = "ip netns exec " + instance;
-    return shell(inside + " iptables -t mangle -S OUTPUT | sort; " + inside +
-                 " ip6tables -t mangle -S OUTPUT | sort");
-}
-
-TEST(Criteria, ReachEachInstanceOnceWhileBothChangeFromSeveralThreads) {
-    ENTER_PRIVATE_NAMESPACES_OR_SKIP();
-    // One command takes longer than another: without the lock they would overtake each other.
-    static std::atomic<unsigned> count;
-    interposed::popen = [](const char* command, const char* mode) {
-        usleep(++count * 7919 % 8 * 1000);
-        return real::popen(command, mode);
-    };
-    const auto add = [](int port) {
-        zel_external_traffic_match_criteria_add(nullptr, 0, 17, 0, port);
-    };
-    const auto del = [](int port) {
-        zel_external_traffic_match_criteria_del(nullptr, 0, 17, 0, port);
-    };
-    constexpr int instances = 8, rounds = 8;
-    std::list<std::thread> users;
-    // Downwards: criteria reach the youngest instance first, in the middle of its creation.
-    zel_vrf_create(nullptr, 0, std::to_string(instances - 1).c_str());
-    users.emplace_back([&] {
-        for (int i = instances - 2; i >= 0; --i)
-            zel_vrf_create(nullptr, 0, std::to_string(i).c_str());
-    });
-    for (int t = 0; t < 2; ++t) {
-        users.emplace_back([&, t] {
-            const int own = 1000 * (t + 1);
-            for (int i = 0; i < rounds; ++i) {
-                add(own + i);
-                if (i % 2 == t) { // one that both threads change, at the same time
-                    add(100 + i);
-                } else {
-                    del(100 + i);
-                }
-                if (i > 0)
-                    del(own + i - 1);
-            }
-        });
-    }
-    for (std::thread& user : users)
-        user.join();
-    // What an instance gets that is made now is what is on the list.
-    zel_vrf_create(nullptr, 0, "last");
-    const std::string expected = rules_of("last");
-    for (const char* port : {"1007", "2007"})
-        EXPECT_THAT(expected, testing::HasSubstr(std::string{"--dport "} + port));
-    EXPECT_THAT(expected, testing::Not(testing::HasSubstr("--dport 1006")));
-    for (int i = 0; i < instances; ++i)
-        EXPECT_EQ(rules_of(std::to_string(i)), expected) << i;
 }
 
 } // namespace

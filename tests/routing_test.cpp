@@ -5,6 +5,8 @@
 
 ZEL_INTERPOSE(const char*, inet_ntop, (int f, const void* a, char* t, socklen_t size),
               (f, a, t, size), noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -141,6 +143,38 @@ TEST(Routing, CriteriaReachEveryInstanceInOrderOfNamesAndNewOnesInOrderOfAdditio
     EXPECT_THAT(commands.take(), ElementsAre("ip netns del \"red\" 2>&1"));
     add(text, size, 99, 0, 0);
     EXPECT_EQ(commands.take(), marking("blue", {"-A OUTPUT -p 99"}));
+}
+
+// Whichever of the two has the lock first, the other comes while it waits, or just behind it.
+TEST(Routing, AnInstanceAndACriterionMadeAtTheSameTimeMeetOnce) {
+    static std::function<void()> at_lock, at_unlock;
+    static pthread_mutex_t* network_lock = nullptr;
+    interposed::pthread_mutex_lock = [](pthread_mutex_t* mutex) {
+        if (network_lock == nullptr)
+            network_lock = mutex;
+        if (mutex == network_lock && at_lock != nullptr)
+            std::exchange(at_lock, nullptr)();
+        return real::pthread_mutex_lock(mutex);
+    };
+    interposed::pthread_mutex_unlock = [](pthread_mutex_t* mutex) {
+        const int result = real::pthread_mutex_unlock(mutex);
+        if (mutex == network_lock && at_unlock != nullptr)
+            std::exchange(at_unlock, nullptr)();
+        return result;
+    };
+    zel_external_traffic_match_criteria_del(nullptr, 0, 1, 0, 0); // takes that lock alone
+    auto& commands = record_commands(true);
+    for (const int port : {1, 2, 3, 4}) {
+        const std::string name = "red" + std::to_string(port);
+        const auto create = [&] { zel_vrf_create(nullptr, 0, name.c_str()); };
+        const auto add = [&] { zel_external_traffic_match_criteria_add(nullptr, 0, 6, port, 0); };
+        auto& moment = port <= 2 ? at_lock : at_unlock;
+        port % 2 == 0 ? moment = create : moment = add;
+        port % 2 == 0 ? add() : create();
+        EXPECT_TRUE(moment == nullptr) << port;
+        const auto mark = marking(name, {"-A OUTPUT -p 6 --sport " + std::to_string(port)});
+        EXPECT_EQ(std::ranges::count(commands.take(), mark.front()), 1) << port;
+    }
 }
 
 TEST(Routing, TextIsCutToTheBufferAndEveryCommandStillRuns) {

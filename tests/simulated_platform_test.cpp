@@ -8,10 +8,8 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -88,33 +86,6 @@ TEST_F(SimulatedPlatform, ReportsWhatItRefusesAndAnInterruptedWait) {
     }
     zel::test::interrupt_calls();
     EXPECT_EQ(waitForLinuxInterruptPulse(fd), nullptr);
-}
-
-TEST_F(SimulatedPlatform, LosesNoPulseOfConcurrentRaisers) {
-    constexpr int each = 5000;
-    int sources[2] = {};
-    std::vector<std::thread> raisers;
-    for (int vector : {0, 1}) {
-        attach(vector, sources[vector]);
-        enableLinuxInterruptSource(vector);
-    }
-    for (int vector : {0, 1, 0, 1}) {
-        raisers.emplace_back([vector] {
-            for (int i = 0; i < each; ++i)
-                zel_simulated_raise(vector);
-        });
-    }
-    for (int served = 0; served < 4 * each; ++served) {
-        auto* source = static_cast<int*>(waitForLinuxInterruptPulse(fd));
-        ASSERT_NE(source, nullptr);
-        ++*source;
-        enableLinuxInterruptSource(static_cast<int>(source - sources));
-    }
-    for (auto& raiser : raisers)
-        raiser.join();
-    EXPECT_EQ(sources[0], 2 * each);
-    EXPECT_EQ(sources[1], 2 * each);
-    EXPECT_EQ(next(), nullptr);
 }
 
 } // namespace

@@ -231,43 +231,6 @@ TEST(Registry, ForgetsAThreadHoweverItEnds) {
     }
 }
 
-// Each with a condition variable of its own, whose clock is remembered and forgotten.
-TEST(Registry, HoldsWhile10000ThreadsComeAndGo) {
-    constexpr int creators = 4, each = 2500;
-    // The thread sanitizer spins on locks of its own, which knows no end between two priorities.
-    constexpr int step = under_thread_sanitizer ? 0 : 1;
-    std::atomic<int> running{creators}, refused{0}, ran{0};
-    for (int c = 0; c < creators; ++c) {
-        KernelThread(Attributes{2 + c * step}, [&, c] {
-            Attributes attr{2 + (creators - c) * step};
-            const auto routine = [](void* counter) -> void* {
-                const timespec past{1, 0};
-                pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-                pthread_cond_t cond;
-                pthread_mutex_lock(&mutex);
-                const bool good =
-                    __wrap_pthread_cond_init(&cond, nullptr) == 0 &&
-                    __wrap_pthread_cond_timedwait(&cond, &mutex, &past) == ETIMEDOUT &&
-                    __wrap_pthread_cond_destroy(&cond) == 0;
-                pthread_mutex_unlock(&mutex);
-                *static_cast<std::atomic<int>*>(counter) += good;
-                return nullptr;
-            };
-            for (int i = 0; i < each; ++i)
-                refused += __wrap_pthread_create(nullptr, attr, routine, &ran) != 0;
-            --running;
-        });
-    }
-    while (running != 0) {
-        const auto ids = registered();
-        ASSERT_TRUE(std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<>{}) ==
-                    ids.end());
-    }
-    EXPECT_TRUE(registry_empties());
-    EXPECT_EQ(refused, 0);
-    EXPECT_EQ(ran, creators * each);
-}
-
 // The guard page and the thread's own data leave some 12 of the 16 KiB.
 TEST(Stack, OfTheSmallestSizeSufficesForTheLibrarysCalls) {
     if (under_address_sanitizer || under_thread_sanitizer)

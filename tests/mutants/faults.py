@@ -153,6 +153,14 @@ FAULTS = [
     kcall("a cancellation acts during a pass",
           "    const QueueLock lock;\n    if (KCallLevel != 0)\n        return 0;\n",
           "    const QueueLock lock;\n"),
+    kcall("a cancellation looks for a pass before it has the lock",
+          "    const QueueLock lock;\n    if (KCallLevel != 0)\n        return 0;\n",
+          "    if (KCallLevel != 0)\n        return 0;\n    const QueueLock lock;\n"),
+    kcall("a caller chooses its entry before it has the lock",
+          "    const QueueLock lock;\n    KernelCall* const entry = next(KCallIn);\n",
+          "    KernelCall* const entry = next(KCallIn);\n    const QueueLock lock;\n"),
+    kcall("the poller runs without the queue's lock", "        KCallRunPoller();\n",
+          "        const QueueUnlock unlocked;\n        KCallRunPoller();\n"),
     kcall("a call runs under the queue's lock", "    const QueueUnlock unlocked;\n", ""),
     kcall("the poller runs after the calls",
           "    if (KCallRunPoller != nullptr) {\n",
@@ -260,6 +268,11 @@ FAULTS = [
             "marking_command(name, family, action, criterion));",
             "        for (const int family : {AF_INET})\n            commands.push_back("
             "marking_command(name, family, action, criterion));"),
+    traffic("a criterion's instances are chosen before it has the lock",
+            "        const PosixLock lock{state->fd_map_mutex};\n        const auto commands = "
+            "commands_for_all_instances(remove ? \"-D\" : \"-A\", criterion.front());\n",
+            "        const auto commands = commands_for_all_instances(remove ? \"-D\" : \"-A\", "
+            "criterion.front());\n        const PosixLock lock{state->fd_map_mutex};\n"),
     traffic("all equal criteria are removed",
             "    const auto found = std::find(criteria.begin(), criteria.end(), criterion);\n"
             "    if (found != criteria.end())\n        criteria.erase(found);\n",
@@ -269,6 +282,18 @@ FAULTS = [
             "commands_for_all",
             "        PosixLock lock{state->fd_map_mutex};\n        lock.release();\n"
             "        const auto commands = commands_for_all", "locks_test races_test"),
+    instances("an instance is registered before it has the lock",
+              "    const PosixLock lock{state->fd_map_mutex};\n"
+              "    const auto commands = replay_commands(name);\n"
+              "    state->vrf_map.merge(instance);\n",
+              "    state->vrf_map.merge(instance);\n"
+              "    const PosixLock lock{state->fd_map_mutex};\n"
+              "    const auto commands = replay_commands(name);\n"),
+    instances("an instance's criteria are chosen before it has the lock",
+              "    const PosixLock lock{state->fd_map_mutex};\n"
+              "    const auto commands = replay_commands(name);\n",
+              "    const auto commands = replay_commands(name);\n"
+              "    const PosixLock lock{state->fd_map_mutex};\n"),
     instances("the table external comes after local", "mark_preference = \"100\"",
               "mark_preference = \"120\""),
     instances("a destroyed instance keeps its devices in use",
