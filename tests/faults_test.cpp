@@ -110,45 +110,6 @@ TEST(InterruptManager, ThrowsWithoutMemoryAndIsAsItWas) {
 
 char text[1000];
 constexpr size_t size = sizeof text;
-std::string repeated(const char* part, int count) {
-    std::string result;
-    while (count-- > 0)
-        result += part;
-    return result;
-}
-
-TEST(Commands, ThatCannotBeStartedOrWaitedForAreReportedEachAndTheStateChanges) {
-    const auto operations = {
-        std::pair{+[] { zel_external_traffic_match_criteria_add(text, size, 1, 0, 0); }, 0},
-        std::pair{+[] { zel_vrf_create(text, size, "red"); }, 1 + 2 + 6},
-        std::pair{+[] { zel_external_traffic_match_criteria_del(text, size, 1, 0, 0); }, 2},
-        std::pair{+[] { zel_vrf_destroy(text, size, "red"); }, 1},
-        std::pair{+[] { zel_external_traffic_match_criteria_add(text, size, 1, 0, 0); }, 0},
-        std::pair{+[] { zel_tun_ipv6_status(text, size, "red", 3, true); }, 1},
-        std::pair{+[] { zel_external_traffic_match_criteria_del(text, size, 1, 0, 0); }, 0},
-    };
-    const auto before = open_files();
-    interposed::popen = [](auto...) {
-        errno = EMFILE;
-        return nullptr;
-    };
-    for (const auto& [run, commands] : operations) {
-        run();
-        EXPECT_EQ(text, repeated("popen() failed; Too many open files\r\n", commands));
-    }
-    interposed::popen = [](auto, const char* mode) { return real::popen("echo x", mode); };
-    interposed::pclose = [](FILE* stream) {
-        real::pclose(stream);
-        errno = EIO;
-        return -1;
-    };
-    for (const auto& [run, commands] : operations) {
-        run();
-        EXPECT_EQ(text, repeated("x\n\r\npclose() failed; Input/output error\r\n", commands));
-    }
-    EXPECT_EQ(open_files(), before);
-}
-
 // --- Lack of memory, allocation by allocation
 
 TEST(Memory, ThatIsLackingIsReportedAndNothingIsKept) {

@@ -1,6 +1,5 @@
-// Surroundings that an application does not choose, and arguments at and beyond their limits.
+// Surroundings that an application does not choose.
 #include "support/test.hpp"
-#include "support/tun_interface.hpp"
 
 namespace {
 
@@ -78,35 +77,6 @@ TEST(Children, OfTheApplicationInheritNoDescriptorOfTheLibraryAtAnyMoment) {
         EXPECT_EQ(inherited(), usual);
     stop = true;
     user.join();
-}
-
-TEST(Arguments, AtAndBeyondTheirLimitsAreRefusedOrPassedOn) {
-    ENTER_PRIVATE_NAMESPACES_OR_SKIP();
-    zel_tun_init();
-    zel_tun_ipv4_create(nullptr, 0, "nowhere", 3);
-    ASSERT_TRUE(bring_up(3));
-    const std::vector<unsigned char> packet(1 << 20, 0x45);
-    for (const size_t length : {size_t{0}, size_t{1}, size_t{19}, size_t{65535}, packet.size()}) {
-        for (const int index : {3, 0, -1, INT_MIN, INT_MAX})
-            zel_tun_ipv4_packet_send(index, packet.data(), length);
-    }
-    static char text[200];
-    const std::string long_name(100'000, 'n');
-    for (const std::string& name : {std::string{}, std::string(300, 'n'), long_name}) {
-        zel_vrf_create(text, sizeof text, name.c_str());
-        EXPECT_NE(*text, '\0');
-        zel_vrf_destroy(text, sizeof text, name.c_str());
-        EXPECT_NE(*text, '\0');
-    }
-    for (const int index : {INT_MIN, INT_MAX}) {
-        zel_tun_ipv6_create(text, sizeof text, "nowhere", index);
-        zel_tun_ipv6_mtu(text, sizeof text, "nowhere", index, index);
-        EXPECT_THAT(text, testing::HasSubstr("Cannot open network namespace \"nowhere\""));
-        zel_tun_ipv6_destroy(text, 0, "nowhere", index);
-    }
-    EXPECT_EQ(setThreadAffinityCPU(INT_MIN), 0);
-    EXPECT_EQ(setThreadAffinityCPU(INT_MAX), 0);
-    EXPECT_EQ(__builtin_popcount(getThreadAffinityCPU()), 1);
 }
 
 } // namespace

@@ -149,15 +149,14 @@ TEST_F(Source, StopsTheProcessWhenThePlatformRefuses) {
 }
 
 TEST_F(Source, PrintsItsFields) {
-    Linux::LinuxInterruptSource printed{0, 5, 60, 1, true};
     char expected[400];
     std::snprintf(expected, sizeof expected,
-                  "\nthis ptr = 0x%" PRIxPTR ".\nChannelId = 0x0.\ninterruptVector = 0x5.\n"
-                  "pulseCode = 0x1.\npulsePriority = 0x3c.\ninterruptId = 0x0.\n"
+                  "\nthis ptr = 0x%" PRIxPTR ".\nChannelId = 0x3.\ninterruptVector = 0x5.\n"
+                  "pulseCode = 0x2.\npulsePriority = 0x3c.\ninterruptId = 0x0.\n"
                   "connectionId = 0xffffffff.\nisr = 0x%" PRIxPTR ".\n",
-                  reinterpret_cast<uintptr_t>(&printed),
-                  reinterpret_cast<uintptr_t>(fields(&printed).defaultIsr));
-    EXPECT_EQ(printed_on(1, [&] { printed.printObjectInfo(); }), expected);
+                  reinterpret_cast<uintptr_t>(source),
+                  reinterpret_cast<uintptr_t>(fields(source).defaultIsr));
+    EXPECT_EQ(printed_on(1, [&] { source->printObjectInfo(); }), expected);
     delete source;
 }
 

@@ -82,6 +82,7 @@ TEST_P(StartUp, RunsItsSteps) {
     EXPECT_LE(starttimeInNs, after.tv_sec * int64_t{1'000'000'000} + after.tv_nsec);
     EXPECT_NE(LinuxDeferredServiceController::instance, nullptr);
     EXPECT_FALSE(std::filesystem::exists("/run/netns/left_over"));
+    EXPECT_EQ(open_files("zelkernel-stats"), 0); // are to be asked for
 
     const ThreadInfo kcall = thread_named("KCall");
     EXPECT_EQ(kcall.policy, SCHED_FIFO);

@@ -206,6 +206,10 @@ TEST(Routing, InstancesGetTheirPolicyAndStartUpRemovesThem) {
     zel_vrf_create(text, size, "red");
     EXPECT_THAT(text, HasSubstr("Cannot create namespace file"));
     EXPECT_THAT(text, HasSubstr("RTNETLINK answers: File exists"));
+    for (const size_t length : {0, 300, 100'000}) { // no name for a namespace
+        zel_vrf_create(text, size, std::string(length, 'n').c_str());
+        EXPECT_STRNE(text, "") << length;
+    }
 
     std::ofstream{"/run/netns/.hidden"};
     for (const char* report : {"popen() failed; Resource temporarily unavailable\r\n\r\n", ""}) {

@@ -372,6 +372,8 @@ TEST(Affinity, IsReadBackAsBitsOnceTheCountIsKnown) {
     EXPECT_EQ(count, sysconf(_SC_NPROCESSORS_ONLN));
     EXPECT_EQ(setThreadAffinityCPU(count - 1), 0);
     EXPECT_EQ(getThreadAffinityCPU(), 1u << (count - 1));
+    for (int any : {INT_MIN, INT_MAX})
+        EXPECT_EQ(setThreadAffinityCPU(any), 0);
     num_processors = 40; // more than a word has bits
     interposed::pthread_getaffinity_np = [](auto, auto, cpu_set_t* set) {
         CPU_ZERO(set);

@@ -24,7 +24,7 @@ public:
     std::string add(const char* command) {
         const std::lock_guard lock{mutex_};
         commands_.emplace_back(command);
-        return "echo -n '<" + std::to_string(++count_) + ">'";
+        return "echo -n '<" + std::to_string(++count_) + ">'; false";
     }
 
 private:
@@ -34,7 +34,7 @@ private:
 };
 
 // Records from now on. When `dry`, "<n>" is printed in place of each command, n counting from 1,
-// and nothing is done.
+// and nothing is done: each fails, which changes nothing else.
 inline Commands& record_commands(bool dry) {
     auto* commands = new Commands; // threads of the library use it until the process ends
     interposed::popen = [commands, dry](const char* command, const char* mode) {

@@ -2,10 +2,9 @@
 
 #include "wait.hpp"
 
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <sched.h>
 #include <string>
 #include <sys/types.h>
@@ -48,25 +47,16 @@ inline std::string all_cpus() {
     return last == 0 ? "0" : "0-" + std::to_string(last);
 }
 
-template<typename Action>
-void for_each_thread(Action action) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> tasks{opendir("/proc/self/task"), closedir};
-    while (const dirent* entry = readdir(tasks.get())) {
-        if (entry->d_name[0] != '.')
-            action(static_cast<pid_t>(std::stoi(entry->d_name)));
-    }
-}
-
 // The thread of that name, once there is one: threads of the library name themselves. `tid` is 0 if
 // none appears.
 inline ThreadInfo thread_named(const std::string& name) {
     ThreadInfo found;
     eventually([&] {
-        for_each_thread([&](pid_t tid) {
-            ThreadInfo info = thread_info(tid);
+        for (const auto& task : std::filesystem::directory_iterator{"/proc/self/task"}) {
+            ThreadInfo info = thread_info(std::stoi(task.path().filename()));
             if (info.status["Name"] == name)
                 found = std::move(info);
-        });
+        }
         return found.tid != 0;
     });
     return found;
