@@ -1,9 +1,9 @@
 #include "support/test.hpp"
 
 using zel::test::SystemTime;
-ZEL_INTERPOSE_TIME(int, nanosleep, (const SystemTime* r, SystemTime* left), (r, left), )
-ZEL_INTERPOSE_TIME(int, clock_gettime, (clockid_t c, SystemTime* t), (c, t), noexcept)
-ZEL_INTERPOSE_TIME(int, clock_settime, (clockid_t c, const SystemTime* t), (c, t), noexcept)
+ZEL_INTERPOSE_TIME(int, nanosleep, (const SystemTime* r, SystemTime* left), (r, left))
+ZEL_INTERPOSE_TIME(int, clock_gettime, (clockid_t c, SystemTime* t), (c, t))
+ZEL_INTERPOSE_TIME(int, clock_settime, (clockid_t c, const SystemTime* t), (c, t))
 
 namespace {
 

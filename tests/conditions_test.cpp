@@ -3,10 +3,9 @@
 
 using zel::test::SystemTime;
 ZEL_INTERPOSE_TIME(int, pthread_cond_timedwait,
-                   (pthread_cond_t * c, pthread_mutex_t* m, const SystemTime* t), (c, m, t), )
-ZEL_INTERPOSE(int, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_cond_destroy, (pthread_cond_t * c), (c), noexcept)
+                   (pthread_cond_t * c, pthread_mutex_t* m, const SystemTime* t), (c, m, t))
+ZEL_INTERPOSE(int, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t* a), (c, a))
+ZEL_INTERPOSE(int, pthread_cond_destroy, (pthread_cond_t * c), (c))
 
 namespace {
 

@@ -1,31 +1,22 @@
 // What the library does when the system refuses: result, text, nothing left behind, and the next
 // call works. The failures of one function alone are with that function's other cases.
 #include "support/allocation_failure.hpp"
-#include "support/commands.hpp"
 #include "support/test.hpp"
-#include "support/tun_interface.hpp"
 
 #include <new>
 
 ZEL_INTERPOSE(int, pthread_create,
-              (pthread_t * t, const pthread_attr_t* a, void* (*f)(void*), void* p), (t, a, f, p),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_getschedparam, (pthread_t t, int* p, sched_param* s), (t, p, s),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_setschedparam, (pthread_t t, int p, const sched_param* s), (t, p, s),
-              noexcept)
-ZEL_INTERPOSE(int, timer_create, (clockid_t c, sigevent* e, timer_t* t), (c, e, t), noexcept)
+              (pthread_t * t, const pthread_attr_t* a, void* (*f)(void*), void* p), (t, a, f, p))
+ZEL_INTERPOSE(int, pthread_getschedparam, (pthread_t t, int* p, sched_param* s), (t, p, s))
+ZEL_INTERPOSE(int, pthread_setschedparam, (pthread_t t, int p, const sched_param* s), (t, p, s))
+ZEL_INTERPOSE(int, timer_create, (clockid_t c, sigevent* e, timer_t* t), (c, e, t))
 ZEL_INTERPOSE_TIME(int, timer_settime, (timer_t t, int f, const itimerspec* value, itimerspec* old),
-                   (t, f, value, old), noexcept)
-ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream), )
-ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size), )
-ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
+                   (t, f, value, old))
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode))
 
 namespace {
 
 using namespace zel::test;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 // --- Start-up
 
@@ -161,117 +152,21 @@ TEST(Memory, ThatIsLackingIsReportedAndNothingIsKept) {
 
 // --- The receive thread
 
-struct Stack {
-    std::atomic<int> received{0}, allocated{0}, freed{0};
-    std::atomic<int> failing_allocation{0}; // of the receive thread
-} stack;
-
-void alloc_buffer(void** handle, void** data, int) {
-    static char buffer[65536];
-    *handle = *data = buffer;
-    ++stack.allocated;
-    if (const int n = stack.failing_allocation.exchange(0))
-        allocation_to_fail = n;
-}
-void free_buffer(void*) {
-    ++stack.freed;
-}
-void receive(int, void*, int) {
-    ++stack.received;
-}
-
-struct ReceiveThread : testing::Test {
-    void SetUp() override {
-        ENTER_PRIVATE_NAMESPACES_OR_SKIP();
-        zel_tun_init();
-        zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10);
-        zel_tun_ipv4_create(nullptr, 0, "red", 1);
-        ASSERT_TRUE(bring_up(1));
-        socket = socket_through(1);
-        commands.take();
-    }
-
-    bool passes_a_packet() {
-        const int before = stack.received;
-        ::send(socket, "x", 1, 0);
-        return eventually([&] { return stack.received > before; });
-    }
-
-    Commands& commands = record_commands(true);
-    int socket = -1;
-};
-
-TEST_F(ReceiveThread, GivesTheBufferBackWhenAReadFailsAndGoesOn) {
-    for (int error : {EINTR, EAGAIN, EIO, ENOMEM}) {
-        const int freed = stack.freed, allocated = stack.allocated;
-        interposed::read = [error, left = 1](int fd, void* data, size_t n) mutable -> ssize_t {
-            if (n != 1500 || left-- <= 0)
-                return real::read(fd, data, n);
-            errno = error;
-            return -1;
-        };
-        EXPECT_TRUE(passes_a_packet());
-        EXPECT_EQ(stack.freed - freed, 1);
-        EXPECT_EQ(stack.allocated - allocated, 2);
-    }
-    static std::atomic<int> writes{0};
-    interposed::write = [](int, const void*, size_t) -> ssize_t { return ++writes, 3; };
-    zel_tun_ipv4_packet_send(1, "packet", 6); // short, and neither told nor repeated
-    EXPECT_EQ(writes, 1);
-}
-
-TEST_F(ReceiveThread, DeletesInTheNextPassWhenThePipeCannotBeRead) {
-    static std::atomic<int> failures;
-    interposed::read = [](int fd, void* data, size_t n) -> ssize_t {
-        if (n != 100 || ++failures > 1)
-            return real::read(fd, data, n);
-        real::read(fd, data, n); // the token is gone with the error
-        errno = EIO;
-        return -1;
-    };
-    zel_tun_ipv4_destroy(nullptr, 0, "red", 7);
-    EXPECT_TRUE(eventually([] { return failures > 0; }));
-    EXPECT_THAT(commands.take(), testing::IsEmpty());
-    EXPECT_TRUE(passes_a_packet()); // which is that pass, and not one of a further wake-up
-    Strings run;
-    EXPECT_TRUE(eventually([&] { return !(run = commands.take()).empty(); }));
-    EXPECT_THAT(run, ElementsAre(testing::HasSubstr("tun4_7")));
-}
-
-TEST_F(ReceiveThread, SurvivesADeletionThatCannotBeRun) {
-    static std::atomic<int> starts;
-    interposed::popen = [](auto...) {
-        ++starts;
-        return nullptr;
-    };
-    zel_tun_ipv4_destroy(nullptr, 0, "red", 7);
-    EXPECT_TRUE(eventually([] { return starts == 1; }));
-    EXPECT_TRUE(passes_a_packet());
-    if (!can_fail_allocations)
-        return;
-    stack.failing_allocation = 1; // the next one is that of the deletion's command
-    EXPECT_TRUE(passes_a_packet());
-    zel_tun_ipv4_destroy(nullptr, 0, "red", 8);
-    zel_tun_ipv4_destroy(nullptr, 0, "red", 9);
-    EXPECT_TRUE(eventually([] { return starts == 2; })); // that of 9
-    EXPECT_TRUE(passes_a_packet());
-}
-
-TEST(ReceiveThreadStart, ThatIsRefusedLeavesNothingAndCanBeRepeated) {
+TEST(ReceiveThread, ThatIsRefusedLeavesNothingAndCanBeRepeated) {
     zel_tun_init();
     interposed::pthread_create = [](auto...) { return EAGAIN; };
-    const auto refused = [] { zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10); };
-    EXPECT_EQ(printed_on(2, refused),
+    const auto start = [] { zel_tun_packet_init(nullptr, nullptr, nullptr, 10); };
+    EXPECT_EQ(printed_on(2, start),
               "__w_pthread_create; pthread_create: Resource temporarily unavailable\n");
     EXPECT_EQ(registered_threads(), 0u);
     const long before = allocations_alive;
-    EXPECT_NE(printed_on(2, refused), "");
+    EXPECT_NE(printed_on(2, start), "");
     EXPECT_EQ(allocations_alive, before);
     allocation_to_fail = 1;
     EXPECT_TRUE(!can_fail_allocations ||
-                printed_on(2, refused) == "zel_tun_packet_init: Cannot allocate memory\n");
+                printed_on(2, start) == "zel_tun_packet_init: Cannot allocate memory\n");
     interposed::pthread_create = nullptr;
-    zel_tun_packet_init(receive, alloc_buffer, free_buffer, 10);
+    start();
     EXPECT_EQ(registered_threads(), 1u);
 }
 

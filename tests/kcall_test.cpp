@@ -3,10 +3,9 @@
 
 #include <optional>
 
-ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t* a), (m, a))
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 
 namespace {
 

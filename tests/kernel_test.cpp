@@ -4,12 +4,12 @@
 
 #include <optional>
 
-ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), )
+ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode))
 ZEL_INTERPOSE(int, pthread_create,
               (pthread_t * id, const pthread_attr_t* attr, void* (*start)(void*), void* arg),
-              (id, attr, start, arg), noexcept)
-ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
-ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream), )
+              (id, attr, start, arg))
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode))
+ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream))
 
 namespace {
 

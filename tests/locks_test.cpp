@@ -1,13 +1,12 @@
 #include "support/test.hpp"
 
-ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t * a, int p), (a, p),
-              noexcept)
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
+ZEL_INTERPOSE(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t * a, int p), (a, p))
 ZEL_INTERPOSE_TIME(int, pthread_cond_timedwait,
                    (pthread_cond_t * c, pthread_mutex_t* m, const zel::test::SystemTime* t),
-                   (c, m, t), )
-ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
+                   (c, m, t))
+ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m))
 
 namespace {
 
@@ -236,10 +235,6 @@ TEST(Semaphore, WaitsGoOnAfterSignals) {
     ++deadline.tv_sec;
     EXPECT_EQ(__wrap_sem_timedwait(&sem, &deadline), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    EXPECT_TRUE(now.tv_sec > deadline.tv_sec ||
-                (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec));
 }
 
 } // namespace

@@ -1,4 +1,6 @@
 // The packet path: real devices in real namespaces, with sockets there as the peers.
+#include "support/allocation_failure.hpp"
+#include "support/commands.hpp"
 #include "support/test.hpp"
 
 #include <deque>
@@ -7,16 +9,16 @@
 #include <sys/epoll.h>
 #include <sys/select.h>
 
-ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
-ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size), )
-ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
-ZEL_INTERPOSE(int, close, (int fd), (fd), )
-ZEL_INTERPOSE(int, epoll_create1, (int flags), (flags), noexcept)
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode))
+ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
+ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+ZEL_INTERPOSE(int, close, (int fd), (fd))
+ZEL_INTERPOSE(int, epoll_create1, (int flags), (flags))
 ZEL_INTERPOSE(int, epoll_ctl, (int set, int action, int fd, epoll_event* event),
-              (set, action, fd, event), noexcept)
+              (set, action, fd, event))
 ZEL_INTERPOSE_TIME(int, select,
                    (int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout),
-                   (count, in, out, other, timeout), )
+                   (count, in, out, other, timeout))
 
 namespace {
 
@@ -242,18 +244,23 @@ TEST_F(Packets, AreReadWithTheDevicesMtuAndDroppedWithoutABufferOrDevice) {
     interposed::read = [](int fd, void* data, size_t size) {
         if (size < 1500)
             return real::read(fd, data, size);
-        ++refused;
         EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-        errno = EAGAIN;
+        errno = std::array{EAGAIN, EINTR, EIO, ENOMEM}[++refused % 4];
         return ssize_t{-1};
     };
     zel_tun_ipv4_mtu(nullptr, 0, "red", 3, 1500);
     const auto start = std::chrono::steady_clock::now();
     send(socket, "x");
-    EXPECT_TRUE(eventually([] { return refused >= 3; }));
+    EXPECT_TRUE(eventually([] { return refused >= 8; }));
     interposed::read = nullptr;
     EXPECT_EQ(stack.take().first, 3);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds{refused});
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds{refused / 4});
+    EXPECT_EQ(stack.freed, refused);
+    static std::atomic<int> writes{0};
+    interposed::write = [](int, const void*, size_t) { return ++writes, ssize_t{3}; };
+    zel_tun_ipv4_packet_send(3, "packet", 6); // short, and neither told nor repeated
+    EXPECT_EQ(writes, 1);
+    interposed::write = nullptr;
 
     // One that it has lost is read once more at most and does not hold the others up.
     add_interface("blue", 4);
@@ -416,6 +423,50 @@ TEST_F(Packets, AreNeverReadFromAClosedDescriptor) {
     zel_tun_ipv4_destroy(nullptr, 0, "blue", 9);
     EXPECT_TRUE(loses_device("blue", "tun4_5"));
     EXPECT_TRUE(eventually([&] { return stack.select_count == count_without_devices; }));
+}
+
+TEST_F(Packets, BringADeletionAlongWhenTheWakeUpPipeCannotBeRead) {
+    static std::atomic<int> failures;
+    add_interface("red", 3);
+    const int socket = udp_socket("red");
+    Commands& commands = record_commands(true);
+    interposed::read = [](int fd, void* data, size_t size) {
+        const ssize_t length = real::read(fd, data, size);
+        if (size != 100 || ++failures > 1)
+            return length;
+        errno = EIO; // the token is gone with the error
+        return ssize_t{-1};
+    };
+    zel_tun_ipv4_destroy(nullptr, 0, "red", 7);
+    EXPECT_TRUE(eventually([] { return failures > 0; }));
+    EXPECT_THAT(commands.take(), testing::IsEmpty());
+    send(socket, "x");
+    stack.take(); // in the next pass, which is not one of a further wake-up
+    Strings run;
+    EXPECT_TRUE(eventually([&] { return !(run = commands.take()).empty(); }));
+    EXPECT_THAT(run, testing::ElementsAre(testing::HasSubstr("tun4_7")));
+}
+
+TEST_F(Packets, PassAfterADeletionThatCannotBeRun) {
+    static std::atomic<int> starts;
+    add_interface("red", 3);
+    const int socket = udp_socket("red");
+    interposed::popen = [](auto...) {
+        ++starts;
+        return nullptr;
+    };
+    zel_tun_ipv4_destroy(nullptr, 0, "red", 7);
+    EXPECT_TRUE(eventually([] { return starts == 1; }));
+    if (can_fail_allocations) {
+        stack.before_select = [] { allocation_to_fail = 1; }; // that of the next command
+        send(socket, "x");
+        stack.take();
+        zel_tun_ipv4_destroy(nullptr, 0, "red", 8);
+        zel_tun_ipv4_destroy(nullptr, 0, "red", 9);
+        EXPECT_TRUE(eventually([] { return starts == 2; }));
+    }
+    send(socket, "x");
+    EXPECT_EQ(stack.take().first, 3);
 }
 
 TEST_F(Packets, AllowTheProcessToExitAtAnyTime) {

@@ -2,11 +2,11 @@
 #include "support/test.hpp"
 #include "support/tun_interface.hpp"
 
-ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size), )
-ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
-ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
+ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
+ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m))
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <netinet/in.h>
 
 ZEL_INTERPOSE(const char*, inet_ntop, (int f, const void* a, char* t, socklen_t size),
-              (f, a, t, size), noexcept)
-ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m), noexcept)
-ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m), noexcept)
+              (f, a, t, size))
+ZEL_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+ZEL_INTERPOSE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
 
 using testing::ElementsAre;
 using testing::HasSubstr;

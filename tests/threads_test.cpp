@@ -3,26 +3,19 @@
 
 #include <malloc.h>
 
-ZEL_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * a), (a), noexcept)
-ZEL_INTERPOSE(int, pthread_attr_setschedpolicy, (pthread_attr_t * a, int p), (a, p), noexcept)
-ZEL_INTERPOSE(int, pthread_attr_setinheritsched, (pthread_attr_t * a, int i), (a, i), noexcept)
-ZEL_INTERPOSE(int, pthread_attr_setdetachstate, (pthread_attr_t * a, int d), (a, d), noexcept)
-ZEL_INTERPOSE(int, pthread_attr_getstack, (const pthread_attr_t* a, void** p, size_t* s), (a, p, s),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_attr_setstack, (pthread_attr_t * a, void* p, size_t s), (a, p, s),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_attr_getstacksize, (const pthread_attr_t* a, size_t* s), (a, s),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s), noexcept)
-ZEL_INTERPOSE(int, pthread_attr_getschedparam, (const pthread_attr_t* a, sched_param* p), (a, p),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_attr_setschedparam, (pthread_attr_t * a, const sched_param* p), (a, p),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_setaffinity_np, (pthread_t t, size_t n, const cpu_set_t* s), (t, n, s),
-              noexcept)
-ZEL_INTERPOSE(int, pthread_getaffinity_np, (pthread_t t, size_t n, cpu_set_t* s), (t, n, s),
-              noexcept)
-ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m), )
+ZEL_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * a), (a))
+ZEL_INTERPOSE(int, pthread_attr_setschedpolicy, (pthread_attr_t * a, int p), (a, p))
+ZEL_INTERPOSE(int, pthread_attr_setinheritsched, (pthread_attr_t * a, int i), (a, i))
+ZEL_INTERPOSE(int, pthread_attr_setdetachstate, (pthread_attr_t * a, int d), (a, d))
+ZEL_INTERPOSE(int, pthread_attr_getstack, (const pthread_attr_t* a, void** p, size_t* s), (a, p, s))
+ZEL_INTERPOSE(int, pthread_attr_setstack, (pthread_attr_t * a, void* p, size_t s), (a, p, s))
+ZEL_INTERPOSE(int, pthread_attr_getstacksize, (const pthread_attr_t* a, size_t* s), (a, s))
+ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s))
+ZEL_INTERPOSE(int, pthread_attr_getschedparam, (const pthread_attr_t* a, sched_param* p), (a, p))
+ZEL_INTERPOSE(int, pthread_attr_setschedparam, (pthread_attr_t * a, const sched_param* p), (a, p))
+ZEL_INTERPOSE(int, pthread_setaffinity_np, (pthread_t t, size_t n, const cpu_set_t* s), (t, n, s))
+ZEL_INTERPOSE(int, pthread_getaffinity_np, (pthread_t t, size_t n, cpu_set_t* s), (t, n, s))
+ZEL_INTERPOSE(FILE*, popen, (const char* c, const char* m), (c, m))
 
 namespace {
 

@@ -8,12 +8,12 @@
 #include <sys/resource.h>
 
 ZEL_INTERPOSE(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attr),
-              (mutex, attr), noexcept)
-ZEL_INTERPOSE(int, pipe, (int* ends), (ends), noexcept)
-ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), )
+              (mutex, attr))
+ZEL_INTERPOSE(int, pipe, (int* ends), (ends))
+ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 ZEL_INTERPOSE_TIME(int, select,
                    (int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout),
-                   (count, in, out, other, timeout), )
+                   (count, in, out, other, timeout))
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
-ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream), )
-ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode), )
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode))
+ZEL_INTERPOSE(int, pclose, (FILE * stream), (stream))
+ZEL_INTERPOSE(FILE*, fopen, (const char* path, const char* mode), (path, mode))
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
+ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode))
 
 namespace zel::test {
 

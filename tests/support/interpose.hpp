@@ -49,21 +49,21 @@ using SystemTime = timespec;
 // calls fail or to look at them. real::NAME is the system's. Not seen by the thread sanitizer,
 // which itself calls some of these functions before it knows the thread.
 //
-//   ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s), noexcept)
-#define ZEL_INTERPOSE(result, name, parameters, arguments, exceptions)                             \
-    ZEL_INTERPOSE_AS(name, #name, result, name, parameters, arguments, exceptions)
+//   ZEL_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * a, size_t s), (a, s))
+#define ZEL_INTERPOSE(result, name, parameters, arguments)                                         \
+    ZEL_INTERPOSE_AS(name, #name, result, name, parameters, arguments)
 
 // The same for a function that takes or gives a time. Where time has two widths, the library calls
 // the system with 64-bit time alone, also if the test is compiled with 32-bit time: real:: and
 // interposed::NAME are the C library's __NAME64, and a time is a SystemTime.
 #if __TIMESIZE == 32
-#define ZEL_INTERPOSE_TIME(result, name, parameters, arguments, exceptions)                        \
-    ZEL_INTERPOSE_AS(__##name##64, "__" #name "64", result, name, parameters, arguments, exceptions)
+#define ZEL_INTERPOSE_TIME(result, name, parameters, arguments)                                    \
+    ZEL_INTERPOSE_AS(__##name##64, "__" #name "64", result, name, parameters, arguments)
 #else
 #define ZEL_INTERPOSE_TIME ZEL_INTERPOSE
 #endif
 
-#define ZEL_INTERPOSE_AS(function, symbol, result, name, parameters, arguments, exceptions)        \
+#define ZEL_INTERPOSE_AS(function, symbol, result, name, parameters, arguments)                    \
     namespace real {                                                                               \
     [[gnu::no_sanitize_thread]] static result name parameters {                                    \
         static result(*next) parameters;                                                           \
@@ -75,7 +75,7 @@ using SystemTime = timespec;
     namespace interposed {                                                                         \
     static zel::test::Hook<result parameters> name;                                                \
     }                                                                                              \
-    extern "C" [[gnu::no_sanitize_thread]] result function parameters exceptions {                 \
+    extern "C" [[gnu::no_sanitize_thread]] result function parameters {                            \
         const auto* hook = interposed::name.is_set() ? interposed::name.get() : nullptr;           \
         return hook != nullptr ? (*hook)arguments : real::name arguments;                          \
     }

@@ -12,7 +12,7 @@
 
 ZEL_INTERPOSE_TIME(int, timer_settime,
                    (timer_t timer, int flags, const itimerspec* value, itimerspec* old),
-                   (timer, flags, value, old), noexcept)
+                   (timer, flags, value, old))
 
 namespace zel::test {
 
