@@ -1,6 +1,8 @@
 // Made late on purpose in four ways, one after the other. For each it prints how late it was by its
 // own clock and how long the culprit took of that: "way late culprit", in microseconds.
 // With an argument it is only busy, until it is killed.
+#include "../support/kernel_thread.hpp"
+
 #include <zelkernel/affinity.h>
 #include <zelkernel/deferred_service.hpp>
 #include <zelkernel/interrupt_manager.hpp>
@@ -14,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <pthread.h>
-#include <sched.h>
 #include <semaphore.h>
 #include <time.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@
 
 namespace {
 
+using namespace zel::test;
 using Controller = Drivers::Devices::InterruptProcessing::LinuxDeferredServiceController;
 
 constexpr std::int64_t period_us = 20'000;
@@ -33,7 +35,7 @@ std::atomic<std::int64_t> tick_at;     // when the latest poller began
 std::atomic<std::int64_t> punctual_at; // when one began that was on time
 std::atomic<bool> linger;
 std::int64_t late_due, lingered_until;
-sem_t ticked, high_may_start, mid_may_start, pulses_served, finished;
+sem_t ticked, high_may_start, mid_may_start, pulses_served, lingered;
 pthread_mutex_t contended;
 std::int64_t high_waited, mid_ran;
 
@@ -80,7 +82,7 @@ void poll() {
     if (late_due != 0) {
         print("poller", tick_at - late_due, lingered_until - late_due);
         late_due = 0;
-        sem_post(&finished);
+        sem_post(&lingered);
     }
     if (linger.exchange(false)) {
         late_due = next_due();
@@ -132,28 +134,15 @@ struct Routine : Drivers::Api::InterruptProcessing::InterruptServiceRoutine,
     void dsr() override {}
 };
 
-pthread_t start(void* (*routine)(void*), int priority) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-    const sched_param param{priority};
-    pthread_attr_setschedparam(&attr, &param);
-    pthread_t thread;
-    pthread_create(&thread, &attr, routine, nullptr);
-    return thread;
-}
-
-void* spinner(void*) {
+void spin() {
     pthread_setname_np(pthread_self(), "spinner");
     judge_tick("spin", [](std::int64_t due) {
         const std::int64_t took = spin_until(due + long_us - period_us), end = now_us();
         return std::pair{end - took, end};
     });
-    sem_post(&finished);
-    return nullptr;
 }
 
-void* burst(void*) {
+void burst() {
     static Routine routine;
     static Linux::LinuxInterruptMgr manager;
     auto* const source = manager.get(vector);
@@ -168,40 +157,34 @@ void* burst(void*) {
         sem_wait(&pulses_served);
         return std::pair{routine.began.load(), routine.ended.load()};
     });
-    sem_post(&finished);
-    return nullptr;
 }
 
 // The three of a lock without priority inheritance.
-void* low(void*) {
+void low() {
     pthread_setname_np(pthread_self(), "low");
     pthread_mutex_lock(&contended);
     sem_post(&high_may_start);
     sem_post(&mid_may_start);
     spin_until(now_us() + 5000);
     pthread_mutex_unlock(&contended);
-    return nullptr;
 }
 
-void* mid(void*) {
+void mid() {
     pthread_setname_np(pthread_self(), "mid");
     sem_wait(&mid_may_start);
     // Higher threads have their ticks meanwhile.
     const std::int64_t begin = now_us(CLOCK_THREAD_CPUTIME_ID);
     spin_until(now_us() + 30'000);
     mid_ran = now_us(CLOCK_THREAD_CPUTIME_ID) - begin;
-    return nullptr;
 }
 
-void* high(void*) {
+void high() {
     pthread_setname_np(pthread_self(), "high");
     sem_wait(&high_may_start);
     const std::int64_t begin = now_us();
     pthread_mutex_lock(&contended);
     high_waited = now_us() - begin;
     pthread_mutex_unlock(&contended);
-    sem_post(&finished);
-    return nullptr;
 }
 
 void invert_priorities() {
@@ -209,29 +192,27 @@ void invert_priorities() {
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE);
     pthread_mutex_init(&contended, &attr);
-    start(high, 15);
-    start(mid, 10);
-    start(low, 5);
-    sem_wait(&finished);
+    KernelThread waits{Attributes{15}, high};
+    KernelThread{Attributes{10}, mid};
+    KernelThread{Attributes{5}, low};
+    waits.join();
     print("lock", high_waited, mid_ran);
 }
 
 } // namespace
 
 int main(int argc, char**) {
-    for (sem_t* semaphore : {&ticked, &high_may_start, &mid_may_start, &pulses_served, &finished})
+    for (sem_t* semaphore : {&ticked, &high_may_start, &mid_may_start, &pulses_served, &lingered})
         sem_init(semaphore, 0, 0);
     const KernelPriorities priorities{40, 38, 36, 0, 34, 0, 0, 50, 9};
     zel_kernel_init(priorities, period_us, 0, poll, nullptr);
     while (argc > 1) // a busy one
         usleep(100);
     usleep(300'000); // the recorder looks every tenth of a second
-    start(spinner, 45);
-    sem_wait(&finished);
+    on_kernel_thread(spin, 45);
     invert_priorities();
     linger = true;
-    sem_wait(&finished);
-    start(burst, 45); // above the interrupt thread: all pulses come before it serves one
-    sem_wait(&finished);
+    sem_wait(&lingered);
+    on_kernel_thread(burst, 45); // above the interrupt thread: all pulses come before it serves one
     usleep(200'000);
 }
