@@ -9,7 +9,6 @@
 #include <sys/epoll.h>
 #include <sys/select.h>
 
-ZEL_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode))
 ZEL_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
 ZEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 ZEL_INTERPOSE(int, close, (int fd), (fd))
