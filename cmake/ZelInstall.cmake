@@ -47,6 +47,8 @@ install(FILES "${PROJECT_SOURCE_DIR}/packaging/systemd/zelkernel-app.service"
 install(FILES "${PROJECT_SOURCE_DIR}/docs/porting.md" "${PROJECT_SOURCE_DIR}/docs/cpp-applications.md"
               "${PROJECT_SOURCE_DIR}/docs/running.md" "${PROJECT_SOURCE_DIR}/docs/real-board.md"
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/docs/pictures"
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
 # The CMake package; the build tree is one, too (-Dzelkernel_DIR=BUILD).
 include(CMakePackageConfigHelpers)

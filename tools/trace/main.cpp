@@ -319,6 +319,10 @@ int record(Options options) {
 int read(char** argv) {
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
     const std::string reader = self.parent_path().parent_path() / ZEL_TRACE_READER;
+    if (access(reader.c_str(), R_OK) != 0) {
+        fail("report and export are not installed here (Debian: zelkernel-host-tools): take the "
+             "recording to a machine that has them");
+    }
     std::vector<const char*> arguments{"python3", "-B", reader.c_str()};
     while (*++argv != nullptr)
         arguments.push_back(*argv);

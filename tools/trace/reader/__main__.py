@@ -1,6 +1,7 @@
 """What zelkernel-trace runs for report and export."""
 
 import argparse
+import errno
 import os
 import signal
 import sys
@@ -13,8 +14,14 @@ from text import Report, as_json, text
 from timeline import Timeline
 
 
+class Parser(argparse.ArgumentParser):
+    # Python's own keeps quiet about what cannot be written.
+    def _print_message(self, message, file=None):
+        (file or sys.stderr).write(message or "")
+
+
 def arguments():
-    parser = argparse.ArgumentParser(prog="zelkernel-trace", allow_abbrev=False)
+    parser = Parser(prog="zelkernel-trace", allow_abbrev=False)
     commands = parser.add_subparsers(dest="command", required=True)
     report = commands.add_parser("report", help="why ticks, interrupts and threads were late")
     report.add_argument("--json", action="store_true")
@@ -70,8 +77,12 @@ def main():
 def run():
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     try:
-        main()
-        sys.stdout.flush()
+        if sys.stdout is None:  # closed by the caller
+            raise OSError(errno.EBADF, os.strerror(errno.EBADF))
+        try:
+            main()
+        finally:
+            sys.stdout.flush()
     except OSError as error:
         print(f"zelkernel-trace: the output cannot be written: {error.strerror}", file=sys.stderr)
         return 1
