@@ -4,6 +4,7 @@
 #include "StatisticsFile.hpp"
 #include "View.hpp"
 
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -88,6 +89,12 @@ top::Look look(const top::Statistics& statistics, pid_t pid) {
     return {*statistics, top::threads_of(pid), now.count()};
 }
 
+// Whose files are closed to us: that stays so.
+bool is_closed(pid_t pid) {
+    return access(("/proc/" + std::to_string(pid) + "/fd").c_str(), R_OK | X_OK) != 0 &&
+           errno == EACCES;
+}
+
 // One that was given by its number may have been started just before.
 top::Statistics wait_for_statistics(pid_t pid, std::string& problem) {
     using namespace std::chrono;
@@ -98,7 +105,7 @@ top::Statistics wait_for_statistics(pid_t pid, std::string& problem) {
             return nullptr;
         }
         top::Statistics statistics = top::map_statistics(pid, problem);
-        if (statistics != nullptr || steady_clock::now() > deadline)
+        if (statistics != nullptr || is_closed(pid) || steady_clock::now() > deadline)
             return statistics;
         std::this_thread::sleep_for(milliseconds(20));
     }
