@@ -24,7 +24,7 @@ bool is_legacy_iptables(const char* command) {
     return succeeded && output.find("nf_tables") == std::string::npos;
 }
 
-std::string rights_remedy(std::initializer_list<Capability> needed) {
+std::string lacking_in_commands(std::initializer_list<Capability> needed) {
     const std::string held = run_command("grep CapEff: /proc/self/status").output;
     const std::uint64_t mask =
         std::strtoull(held.c_str() + std::min(held.size(), sizeof "CapEff:"), nullptr, 16);
@@ -33,10 +33,13 @@ std::string rights_remedy(std::initializer_list<Capability> needed) {
         if ((mask >> each.number & 1) == 0)
             lacking += (lacking.empty() ? "" : ", ") + std::string(each.name);
     }
-    if (lacking.empty()) {
-        return "the capabilities are there: look at what else confines the program (a user "
-               "namespace, a container's seccomp profile, a security module)";
-    }
+    return lacking;
+}
+
+std::string rights_remedy(std::initializer_list<Capability> needed) {
+    const std::string lacking = lacking_in_commands(needed);
+    if (lacking.empty())
+        return remedy_when_confined;
     return "give the commands that the library runs the capabilities that they lack: " + lacking +
            " (a user's as ambient ones, by setpriv or a systemd unit's AmbientCapabilities=; "
            "root's in a container by --cap-add; those of a file, by setcap, do not reach commands; "

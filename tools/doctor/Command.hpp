@@ -22,7 +22,16 @@ struct Capability {
     const char* name;
     int number;
 };
-constexpr Capability net_admin{"net_admin", 12}, net_raw{"net_raw", 13}, sys_admin{"sys_admin", 21};
+constexpr Capability net_admin{"net_admin", 12}, net_raw{"net_raw", 13}, sys_admin{"sys_admin", 21},
+    sys_nice{"sys_nice", 23};
+
+// Empty when commands have them all.
+std::string lacking_in_commands(std::initializer_list<Capability> needed);
+
+constexpr const char* remedy_when_confined =
+    "the capabilities are there: look at what else confines the program (a systemd unit's "
+    "RestrictRealtime=, RestrictNamespaces= or SystemCallFilter=, a control group, a container's "
+    "seccomp profile, a user namespace, a security module)";
 
 // What EPERM and EACCES ask for: names those of the needed capabilities that commands lack, which
 // need not be those that this program lacks.

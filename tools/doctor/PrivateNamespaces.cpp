@@ -5,9 +5,11 @@
 #include "Text.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -57,9 +59,9 @@ void write_text(const std::string& text, std::FILE* out) {
         std::fputc(static_cast<char>(finding.status), out);
         write_text(finding.found, out);
         write_text(finding.remedy, out);
+        std::fflush(out); // the next one may end this process
         results.push_back(result_of(check, std::move(finding)));
     }
-    std::fflush(out);
     _exit(0);
 }
 
@@ -71,12 +73,24 @@ std::string read_text(std::FILE* in) {
     return text;
 }
 
-Finding read_finding(std::FILE* in) {
+// Nothing when the child has ended before it.
+std::optional<Finding> read_finding(std::FILE* in) {
     const int status = std::fgetc(in);
     if (status == EOF)
-        return {Status::unknown, "the trial ended early"};
+        return {};
     std::string found = read_text(in);
-    return {static_cast<Status>(status), std::move(found), read_text(in)};
+    return Finding{static_cast<Status>(status), std::move(found), read_text(in)};
+}
+
+// A filter of system calls kills whoever makes one that is not in it.
+Finding ended_early(pid_t child) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFSIGNALED(status))
+        return {Status::unknown, "the trial ended early"};
+    const int signal = WTERMSIG(status);
+    return {Status::missing, format("the trial was ended: %s", strsignal(signal)),
+            signal == SIGSYS ? remedy_when_confined : ""};
 }
 
 } // namespace
@@ -91,14 +105,22 @@ void run_in_private_namespaces(std::span<const Check> checks, const Request& req
     }
     close(ends[1]);
     std::FILE* in = child > 0 ? fdopen(ends[0], "r") : nullptr;
+    const char* ended_in = nullptr;
     for (const Check& check : checks) {
-        results.push_back(
-            result_of(check, in != nullptr ? read_finding(in)
-                                           : Finding{Status::unknown, "no process for the trial"}));
+        std::optional<Finding> finding;
+        if (in == nullptr) {
+            finding = {Status::unknown, "no process for the trial"};
+        } else if (ended_in != nullptr) {
+            finding = not_tried_without(ended_in);
+        } else if (finding = read_finding(in); !finding) {
+            ended_in = check.what;
+            finding = ended_early(child);
+        }
+        results.push_back(result_of(check, *std::move(finding)));
     }
     if (in != nullptr)
         std::fclose(in);
-    if (child > 0)
+    if (child > 0 && ended_in == nullptr)
         waitpid(child, nullptr, 0);
 }
 

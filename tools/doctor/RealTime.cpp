@@ -35,8 +35,10 @@ int highest_fifo_priority() {
 
 Finding real_time_rights(const Request& request) {
     const int highest = highest_fifo_priority();
-    if (highest == 0)
-        return {Status::missing, "SCHED_FIFO refused at every priority"};
+    if (highest == 0) {
+        return {Status::missing, "SCHED_FIFO refused at every priority",
+                lacking_in_commands({sys_nice}).empty() ? remedy_when_confined : ""};
+    }
     const bool all = highest == sched_get_priority_max(SCHED_FIFO);
     if (!all && highest < highest_wanted(request)) {
         return {Status::missing,
