@@ -2,6 +2,7 @@
 
 import argparse
 import errno
+import gc
 import os
 import signal
 import sys
@@ -39,22 +40,22 @@ def arguments():
 
 def export_as(options, report):
     if options.html:
-        return "\n".join(page(report)) + "\n"
+        return (line + "\n" for line in page(report))
     if options.svg is None:
-        return trace_events(report.recording, report.timeline) + "\n"
+        return trace_events(report.recording, report.timeline)
     if options.svg not in cases_by_name(report):
         sys.exit(f"zelkernel-trace: {options.file} has no {options.svg}: "
                  f"{', '.join(cases_by_name(report))}")
-    return picture_of(report, options.svg)
+    return [picture_of(report, options.svg)]
 
 
 def write(output, content):
     if output is None:
-        sys.stdout.write(content)
+        sys.stdout.writelines(content)
         return
     try:
         with open(output, "w", encoding="utf-8") as file:
-            file.write(content)
+            file.writelines(content)
     except OSError as error:
         sys.exit(f"zelkernel-trace: {output}: {error.strerror}")
 
@@ -63,10 +64,10 @@ def main():
     options = arguments()
     try:
         recording = Recording(options.file)
+        timeline = Timeline(recording)
     except (OSError, NotARecording) as error:
         reason = error.strerror if isinstance(error, OSError) else error
         sys.exit(f"zelkernel-trace: {options.file}: {reason}")
-    timeline = Timeline(recording)
     report = Report(recording, timeline, options.latest)
     if options.command == "export":
         write(options.output, export_as(options, report))
@@ -76,6 +77,7 @@ def main():
 
 def run():
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+    gc.disable()  # it would look through millions of objects again and again, and find no cycle
     try:
         if sys.stdout is None:  # closed by the caller
             raise OSError(errno.EBADF, os.strerror(errno.EBADF))

@@ -2,6 +2,8 @@
 facts behind them. The machine that recorded may have other word sizes and byte order than this."""
 
 import bisect
+import heapq
+import mmap
 import re
 import struct
 from collections import namedtuple
@@ -10,19 +12,27 @@ Event = namedtuple("Event", "time cpu tid name fields")  # time in ns of the ker
 Thread = namedtuple("Thread", "name linux")
 
 OWN = "zelkernel"
+MAGIC = b"\x17\x08\x44tracing6\0"
+END = b"zeltrace"
 PADDING, TIME_EXTEND, TIME_STAMP = 29, 30, 31  # kinds of entries that are not events
 FIELD = re.compile(r"\s*field:(.*?)\s*(\w+)(\[\d*\])?;\s*offset:(\d+);\s*size:(\d+);\s*signed:(\d);")
+DAMAGES = (struct.error, ValueError, TypeError, LookupError, AttributeError)  # by bytes of any kind
 
 
 class NotARecording(Exception):
     pass
 
 
+class Damaged(NotARecording):
+    def __init__(self, error):
+        super().__init__(f"it is damaged ({error})")
+
+
 class Reader:
     """Walks through bytes."""
 
-    def __init__(self, data, order="<", at=0):
-        self.data, self.order, self.at = data, order, at
+    def __init__(self, data, at):
+        self.data, self.at, self.order = data, at, "little"
 
     def take(self, size):
         if self.at + size > len(self.data):
@@ -31,7 +41,7 @@ class Reader:
         return self.data[self.at - size:self.at]
 
     def number(self, size):
-        return int.from_bytes(self.take(size), "little" if self.order == "<" else "big")
+        return int.from_bytes(self.take(size), self.order)
 
     def text(self):
         end = self.data.find(b"\0", self.at)
@@ -51,55 +61,68 @@ class Format:
         name = re.search(r"^name: (\S+)", text, re.M)[1]
         # A probe's further places carry a number; an event of the kernel keeps its name.
         self.name = OWN + ":" + name.split("__")[0] if system == OWN else name
-        self.order = order
-        self.fields = [self.field(*match) for match in FIELD.findall(text)]
+        self.names, self.plain_texts, self.located_texts = [], [], []
+        self.known = {}  # names of threads come again and again
+        layout, end = order, 0
+        for kind, name, array, offset, size, signed in sorted(
+                FIELD.findall(text), key=lambda field: int(field[3])):
+            letter = self.letter(kind, name, array, int(size), signed == "1")
+            if letter is not None and int(offset) >= end:
+                layout += f"{int(offset) - end}x{letter}"
+                end = int(offset) + int(size)
+                self.names.append(name)
+        self.layout = struct.Struct(layout)
 
-    def field(self, kind, name, array, offset, size, signed):
-        offset, size = int(offset), int(size)
+    def letter(self, kind, name, array, size, is_signed):
+        """As struct has it; nothing for what nobody asks for."""
+        if name.startswith("common_") and name != "common_pid":
+            return None
         if "__data_loc" in kind:
-            return name, offset, None, self.located_text
+            self.located_texts.append(name)
+            return "I"
         if array and "char" in kind:
-            return name, offset, size, self.plain_text
+            self.plain_texts.append(name)
+            return f"{size}s"
         letter = {1: "b", 2: "h", 4: "i", 8: "q"}.get(size)
-        if letter is None:
-            return name, offset, size, lambda *_: None
-        unpack = struct.Struct(self.order + (letter if signed == "1" else letter.upper()))
-        return name, offset, size, lambda data, at, _: unpack.unpack_from(data, at)[0]
+        return letter if letter is None or is_signed else letter.upper()
 
-    def located_text(self, data, at, _):
-        where = struct.unpack_from(self.order + "I", data, at)[0]
-        return self.plain_text(data, where & 0xffff, where >> 16)
+    def text_of(self, data):
+        if data not in self.known:
+            self.known[data] = data.split(b"\0")[0].decode("utf-8", "replace")
+        return self.known[data]
 
-    @staticmethod
-    def plain_text(data, at, size):
-        return data[at:at + size].split(b"\0")[0].decode("utf-8", "replace")
-
-    def read(self, data):
-        return {name: value(data, offset, size) for name, offset, size, value in self.fields}
+    def read(self, data, at):
+        fields = dict(zip(self.names, self.layout.unpack_from(data, at)))
+        for name in self.plain_texts:
+            fields[name] = self.text_of(fields[name])
+        for name in self.located_texts:
+            start = at + (fields[name] & 0xffff)
+            fields[name] = self.text_of(data[start:start + (fields[name] >> 16)])
+        return fields
 
 
 class Recording:
     def __init__(self, path):
         with open(path, "rb") as file:
-            data = file.read()
-        if not data.startswith(b"\x17\x08\x44tracing6\0"):
+            try:
+                self.data = mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ)
+            except (OSError, ValueError):  # a pipe; an empty file
+                self.data = file.read()
+        if self.data[:len(MAGIC)] != MAGIC:
             raise NotARecording("it is none of zelkernel-trace's")
-        self.read_facts(data)
+        if self.data[-len(END):] != END:
+            raise NotARecording("it ends too early, or is none of zelkernel-trace's")
         try:
-            self.read_all(data)
-        except struct.error as error:
-            raise NotARecording("it is damaged: " + str(error)) from error
-        # Another application with the same library hits the same probes.
-        if self.maps:
-            self.events = [event for event in self.events
-                           if not event.name.startswith(OWN) or self.is_ours(event)]
+            self.read_facts(self.data)
+            self.read_head(Reader(self.data, len(MAGIC)))
+        except DAMAGES as error:
+            raise Damaged(error) from error
 
     def read_facts(self, data):
         """Lines of text, see TraceFile.hpp."""
         self.process, self.threads, self.maps, self.symbols = 0, {}, [], []
         self.shift, self.cost, self.lost, self.lacks = None, "", 0, []
-        if not data.endswith(b"zeltrace"):
-            return
+        self.ours = {}
         size = int.from_bytes(data[-16:-8], "little")
         base = 0
         for line in data[-16 - size:-16].decode("utf-8", "replace").splitlines():
@@ -129,10 +152,12 @@ class Recording:
                 self.lacks.append(rest)
         self.symbols.sort()
 
-    def read_all(self, data):
-        reader = Reader(data, "<", len(b"\x17\x08\x44tracing6\0"))
-        reader.order = self.order = ">" if reader.number(1) else "<"
-        self.word = reader.number(1)
+    def read_head(self, reader):
+        if reader.number(1):
+            reader.order = "big"
+        self.order = ">" if reader.order == "big" else "<"
+        word = "I" if reader.number(1) == 4 else "Q"
+        self.page_head = struct.Struct(self.order + "Q" + word)
         self.page_size = reader.number(4)
         reader.text()
         self.page_data = int(re.search(r"\bdata;\s*offset:(\d+)", reader.sized())[1])
@@ -146,45 +171,67 @@ class Recording:
             reader.take(reader.number(size))
         self.processors = reader.number(4)
         reader.take(10 + 2 + 10)  # no options, and the buffers follow
-        places = [(reader.number(8), reader.number(8)) for _ in range(self.processors)]
-        self.events = []
-        for cpu, (offset, size) in enumerate(places):
-            for page in range(offset, offset + size, self.page_size):
-                self.read_page(data[page:page + self.page_size], cpu)
-        self.events.sort(key=lambda event: event.time)
+        self.places = [(reader.number(8), reader.number(8)) for _ in range(self.processors)]
+        if any(offset + size > len(self.data) for offset, size in self.places):
+            raise NotARecording("it ends too early")
 
     def read_formats(self, reader, system):
         for _ in range(reader.number(4)):
             form = Format(system, reader.sized(), self.order)
             self.formats[form.number] = form
 
-    def read_page(self, page, cpu):
-        reader = Reader(page, self.order)
-        time = reader.number(8)
-        end = self.page_data + (reader.number(self.word) & 0xfffff)
-        reader.at = self.page_data
-        while reader.at < min(end, len(page) - 3):
-            head = reader.number(4)
-            kind, delta = (head & 31, head >> 5) if self.order == "<" else \
-                (head >> 27, head & 0x7ffffff)
+    def events(self):
+        """All, in their order; one after the other, since there may be millions."""
+        try:
+            yield from heapq.merge(*map(self.events_of, range(self.processors)))
+        except DAMAGES as error:
+            raise Damaged(error) from error
+
+    def events_of(self, cpu):
+        offset, size = self.places[cpu]
+        for page in range(offset, offset + size, self.page_size):
+            yield from self.events_in(self.data[page:page + self.page_size], cpu)
+
+    def events_in(self, page, cpu):
+        time, end = self.page_head.unpack_from(page)
+        at = self.page_data
+        end = min(at + (end & 0xfffff), len(page) - 3)
+        word, number = (struct.Struct(self.order + letter).unpack_from for letter in "IH")
+        is_little = self.order == "<"
+        while at < end:
+            head, = word(page, at)
+            at += 4
+            kind, delta = (head & 31, head >> 5) if is_little else (head >> 27, head & 0x7ffffff)
             if kind in (TIME_EXTEND, TIME_STAMP):
-                delta += reader.number(4) << 27
+                delta += word(page, at)[0] << 27
+                at += 4
                 time = delta if kind == TIME_STAMP else time + delta
                 continue
             time += delta
-            if kind == PADDING:
-                if delta == 0:
+            size = kind * 4
+            if kind == 0 or kind == PADDING:
+                if kind == PADDING and delta == 0:
                     return
-                reader.take(reader.number(4) - 4)
-                continue
-            content = reader.take(kind * 4 if kind else reader.number(4) - 4)
-            form = self.formats.get(struct.unpack_from(self.order + "H", content)[0])
-            if form is not None:
-                fields = form.read(content)
-                self.events.append(Event(time, cpu, fields["common_pid"], form.name, fields))
+                size = word(page, at)[0] - 4
+                at += 4
+                if size < 0:
+                    raise ValueError("an event without a size")
+            if kind != PADDING:
+                form = self.formats.get(number(page, at)[0])
+                if form is not None:
+                    fields = form.read(page, at)
+                    if self.is_ours(fields):
+                        yield Event(time, cpu, fields.pop("common_pid"), form.name, fields)
+            at += size
 
-    def is_ours(self, event):
-        return any(start <= event.fields["__probe_ip"] < end for start, end, _, _ in self.maps)
+    def is_ours(self, fields):
+        """Another application with the same library hits the same probes."""
+        address = fields.pop("__probe_ip", None)
+        if address is None or not self.maps:
+            return True
+        if address not in self.ours:
+            self.ours[address] = any(start <= address < end for start, end, _, _ in self.maps)
+        return self.ours[address]
 
     def name_of(self, address):
         """Of a function or a variable; of what has no name, the file and the place in it."""

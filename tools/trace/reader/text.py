@@ -92,7 +92,7 @@ def line(text, indent=0, hang=0):
 def head(report):
     recording, timeline = report.recording, report.timeline
     seconds = (timeline.end - timeline.begin) / 1e9
-    yield line(f"Process {recording.process}: {seconds:.1f} s, {len(recording.events)} events on "
+    yield line(f"Process {recording.process}: {seconds:.1f} s, {timeline.count} events on "
                f"{recording.processors} processors, {recording.lost} lost. Times are in us.")
     if recording.cost:
         yield line("Recording cost " + recording.cost + ".")
@@ -180,7 +180,7 @@ def case_as_json(report, case):
 
 def as_json(report):
     recording, timeline = report.recording, report.timeline
-    result = {"process": recording.process, "events": len(recording.events),
+    result = {"process": recording.process, "events": timeline.count,
               "lost": recording.lost, "cost": recording.cost, "missing": recording.lacks,
               "us": (timeline.end - timeline.begin) / 1000}
     for kind, (count, latest) in report.cases.items():

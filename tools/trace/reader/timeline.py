@@ -19,7 +19,7 @@ REALTIME_END = 100  # the kernel counts real-time priorities down from 99
 def clip(items, start, end):
     """Those of the sorted items, which do not overlap, that reach into the time."""
     at = max(0, bisect.bisect_right(items, start, key=lambda item: item.start) - 1)
-    for item in items[at:]:
+    for item in map(items.__getitem__, range(at, len(items))):  # without a copy: it may be long
         if item.start >= end:
             return
         if item.end > start:
@@ -73,10 +73,12 @@ class Timeline:
         self.expiries = defaultdict(list)
         self._now, self._on, self._expires, self._fired, self._waits = {}, {}, {}, {}, {}
         self._aside = {}
-        events = recording.events
-        self.begin = events[0].time if events else 0
-        self.end = events[-1].time if events else 0
-        for event in events:
+        self.begin = self.end = self.count = 0
+        for event in recording.events():
+            if self.count == 0:
+                self.begin = event.time
+            self.count += 1
+            self.end = event.time
             self.take(event)
         self.finish()
 
