@@ -25,27 +25,29 @@ double now_us() {
     return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
 }
 
-// The best of some batches: what disturbs only ever adds.
 template<typename Action>
-double time_of(Action action) {
-    constexpr int batches = 10, actions = 100;
-    double best = std::numeric_limits<double>::max();
-    for (int batch = 0; batch < batches; ++batch) {
-        const double begin = now_us();
-        for (int i = 0; i < actions; ++i)
-            action();
-        best = std::min(best, (now_us() - begin) / actions);
-    }
-    return best;
+double time_of_a_batch(Action action) {
+    constexpr int actions = 100;
+    const double begin = now_us();
+    for (int i = 0; i < actions; ++i)
+        action();
+    return (now_us() - begin) / actions;
 }
 
+// The best of some batches, with and without by turns: what disturbs only ever adds, and it comes
+// and goes.
 template<typename Action>
 double price_of(Instance& instance, const std::string& event, Action action) {
-    instance.switch_event(event, false);
-    const double without = time_of(action);
-    if (!instance.switch_event(event, true))
-        return 0;
-    return std::max(0.0, time_of(action) - without);
+    constexpr int batches = 10;
+    double with = std::numeric_limits<double>::max(), without = with;
+    for (int batch = 0; batch < batches; ++batch) {
+        instance.switch_event(event, false);
+        without = std::min(without, time_of_a_batch(action));
+        if (!instance.switch_event(event, true))
+            return 0;
+        with = std::min(with, time_of_a_batch(action));
+    }
+    return std::max(0.0, with - without);
 }
 
 double price_of_kernel_event(Instance& instance) {

@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <cstring>
 #include <elf.h>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 namespace trace {
@@ -26,30 +24,32 @@ struct Elf64 {
     using Address = Elf64_Addr;
 };
 
-// A file's bytes; what lies beyond its end reads as zeros and empty texts.
+// A file's bytes, mapped: applications can be large. What lies beyond its end reads as zeros and
+// empty texts, as does all of what is no regular file: to read from a device may block, or act.
 class Image {
 public:
-    explicit Image(const std::string& path) {
-        std::ifstream file{path, std::ios::binary};
-        bytes_.assign(std::istreambuf_iterator<char>{file}, {});
-    }
+    explicit Image(const std::string& path);
+    ~Image();
+    Image(const Image&) = delete;
+    Image& operator=(const Image&) = delete;
 
     template<typename T>
     T at(std::uint64_t offset) const {
         T value{};
-        if (offset < bytes_.size() && bytes_.size() - offset >= sizeof value)
-            std::memcpy(&value, bytes_.data() + offset, sizeof value);
+        if (offset < size_ && size_ - offset >= sizeof value)
+            std::memcpy(&value, start_ + offset, sizeof value);
         return value;
     }
     std::string text(std::uint64_t offset) const {
-        if (offset >= bytes_.size())
+        if (offset >= size_)
             return {};
         const auto start = static_cast<size_t>(offset); // within the file's size
-        return {bytes_.data() + start, strnlen(bytes_.data() + start, bytes_.size() - start)};
+        return {start_ + start, strnlen(start_ + start, size_ - start)};
     }
 
 private:
-    std::string bytes_;
+    const char* start_ = nullptr;
+    size_t size_ = 0;
 };
 
 // Calls read() with an object of the file's class; false when it is no ELF file.

@@ -1,5 +1,6 @@
 #include "Process.hpp"
 
+#include "ElfImage.hpp"
 #include "ProbePoints.hpp"
 #include "Tracefs.hpp"
 
@@ -51,23 +52,6 @@ std::string seen_from_here(pid_t process, const std::string& path) {
     return "/proc/" + std::to_string(process) + "/root" + path;
 }
 
-std::string describe_threads(pid_t process) {
-    std::ostringstream text;
-    std::error_code error;
-    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
-    for (const auto& task : fs::directory_iterator{tasks, error}) {
-        const std::string id = task.path().filename().string();
-        sched_param param{};
-        const pid_t thread = std::atoi(id.c_str());
-        sched_getparam(thread, &param);
-        std::string name = read_file(task.path().string() + "/comm");
-        if (!name.empty())
-            name.pop_back();
-        text << "thread " << id << ' ' << param.sched_priority << ' ' << name << '\n';
-    }
-    return text.str();
-}
-
 std::string describe_priorities(pid_t process, const Library& library, std::uint64_t address) {
     if (address == 0)
         return {};
@@ -82,6 +66,22 @@ std::string describe_priorities(pid_t process, const Library& library, std::uint
     if (got != static_cast<ssize_t>(sizeof words))
         return {};
     return "priorities " + std::to_string(words[5]) + ' ' + std::to_string(words[8]) + '\n';
+}
+
+// What has none, a script or a static program, would be run by the question.
+bool has_interpreter(const std::string& path) {
+    const Image image{path};
+    bool has = false;
+    read_elf(image, [&](auto elf) {
+        using Elf = decltype(elf);
+        const auto header = image.at<typename Elf::Header>(0);
+        for (unsigned i = 0; i < header.e_phnum; ++i) {
+            const auto segment = image.at<typename Elf::Segment>(
+                header.e_phoff + std::uint64_t{i} * header.e_phentsize);
+            has = has || segment.p_type == PT_INTERP;
+        }
+    });
+    return has;
 }
 
 } // namespace
@@ -108,10 +108,23 @@ std::uint64_t base_of(pid_t process, const std::string& path) {
     return 0;
 }
 
+std::string find_program(const std::string& name) {
+    if (name.find('/') != std::string::npos)
+        return access(name.c_str(), X_OK) == 0 ? name : "";
+    const char* const path = std::getenv("PATH");
+    std::istringstream directories{path == nullptr ? "/usr/bin:/bin" : path};
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        const std::string program = (directory.empty() ? "." : directory) + '/' + name;
+        if (access(program.c_str(), X_OK) == 0)
+            return program;
+    }
+    return {};
+}
+
 // As ldd does it.
 Library library_of_command(char* const* command) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
+    if (!has_interpreter(find_program(command[0])) || pipe2(ends, O_CLOEXEC) != 0)
         return {};
     const pid_t child = fork();
     if (child == 0) {
@@ -136,17 +149,31 @@ Library library_of_command(char* const* command) {
     return {};
 }
 
-std::string describe(pid_t process, const Library& library, std::uint64_t priorities) {
+void describe_threads(pid_t process, std::map<pid_t, std::string>& lines) {
+    std::error_code error;
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    for (const auto& task : fs::directory_iterator{tasks, error}) {
+        const std::string id = task.path().filename().string();
+        const pid_t thread = std::atoi(id.c_str());
+        sched_param param{};
+        sched_getparam(thread, &param);
+        const std::string name = read_file(task.path().string() + "/comm"); // a whole line
+        if (!name.empty())
+            lines[thread] =
+                "thread " + id + ' ' + std::to_string(param.sched_priority) + ' ' + name;
+    }
+}
+
+std::string describe_memory(pid_t process, const Library& library, std::uint64_t priorities) {
     std::ostringstream text;
-    text << "process " << process << '\n'
-         << describe_threads(process) << describe_priorities(process, library, priorities);
     for (const Mapping& mapping : mappings_of(process)) {
         if (mapping.executable) {
             text << "map " << mapping.start << ' ' << mapping.end << ' ' << mapping.offset << ' '
                  << mapping.path << '\n';
         }
     }
-    return text.str();
+    const std::string maps = text.str();
+    return maps.empty() ? maps : maps + describe_priorities(process, library, priorities);
 }
 
 std::map<std::string, std::uint64_t> application_files(pid_t process) {

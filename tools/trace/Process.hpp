@@ -19,13 +19,20 @@ Library find_library(pid_t process);
 // Where the file is mapped; 0 when it is not, yet.
 std::uint64_t base_of(pid_t process, const std::string& path);
 
-// What the dynamic loader would take for the command's libzelkernel; empty when the command, say a
+// Where a shell would find the command's program; empty when there is none.
+std::string find_program(const std::string& name);
+
+// What the dynamic loader would take for the command's libzelkernel; empty when its program, say a
 // script, does not name it.
 Library library_of_command(char* const* command);
 
-// Lines for the recording: threads with names and priorities, what is mapped where, and the
-// words that make an application's priority from a Linux one.
-std::string describe(pid_t process, const Library& library, std::uint64_t priorities);
+// Lines for the recording. Threads with names and priorities, added to those known already: some
+// end while others come.
+void describe_threads(pid_t process, std::map<pid_t, std::string>& lines);
+
+// What is mapped where, and the words that make an application's priority from a Linux one (at
+// `priorities` in the library); empty of a process that is ending.
+std::string describe_memory(pid_t process, const Library& library, std::uint64_t priorities);
 
 // The application's own files and where they are mapped, by their paths as seen from here: the
 // system's libraries are left out, libzelkernel is not.

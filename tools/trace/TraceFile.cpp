@@ -49,9 +49,12 @@ public:
     std::uint64_t tell() const { return static_cast<std::uint64_t>(ftello(file_)); }
     void seek(std::uint64_t position) { fseeko(file_, static_cast<off_t>(position), SEEK_SET); }
     bool finish() {
-        const bool good = std::ferror(file_) == 0;
+        const bool good = std::fflush(file_) == 0 && std::ferror(file_) == 0;
+        const int problem = errno;
         const bool closed = std::fclose(file_) == 0;
         file_ = nullptr;
+        if (!good)
+            errno = problem;
         return good && closed;
     }
 
@@ -156,6 +159,20 @@ void write_facts(Output& output, const std::string& facts) {
 
 } // namespace
 
+bool can_be_written(const std::string& path) {
+    const bool is_there = access(path.c_str(), F_OK) == 0;
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666);
+    if (fd == -1)
+        return false;
+    const bool can_seek = lseek(fd, 0, SEEK_CUR) == 0;
+    const int problem = errno;
+    close(fd);
+    if (!is_there)
+        unlink(path.c_str());
+    errno = problem;
+    return can_seek;
+}
+
 bool write_trace_file(const std::string& path, const std::string& instance,
                       const std::string& group, const std::string& facts) {
     Output output{path};
@@ -164,7 +181,14 @@ bool write_trace_file(const std::string& path, const std::string& instance,
     write_header(output, instance, group);
     write_buffers(output, instance);
     write_facts(output, facts);
-    return output.finish();
+    if (output.finish())
+        return true;
+    const int problem = errno;
+    std::error_code error;
+    if (fs::is_regular_file(path, error)) // half of one is of no use, and fills the disk
+        unlink(path.c_str());
+    errno = problem;
+    return false;
 }
 
 } // namespace trace

@@ -103,13 +103,17 @@ bool is_in_first_pid_namespace() {
     return stat("/proc/self/ns/pid", &status) != 0 || status.st_ino == first;
 }
 
-std::string enter_tracefs() {
+std::string why_no_tracing() {
     if (geteuid() != 0)
         return "tracing needs root (tracefs, uprobes): run this as root";
     if (!is_in_first_pid_namespace())
         return "this is a container (PID namespace): run this on the machine itself";
     if (access(tracefs.c_str(), F_OK) != 0)
         return "this kernel has no tracefs: it needs CONFIG_FTRACE and CONFIG_UPROBE_EVENTS";
+    return {};
+}
+
+std::string enter_tracefs() {
     const bool is_mounted = access((tracefs + "/instances").c_str(), W_OK) == 0;
     if (!is_mounted && (unshare(CLONE_NEWNS) != 0 ||
                         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
@@ -146,7 +150,8 @@ void remove_traces_of_dead_recorders() {
         names.push_back(probe_name(line));
     for (const std::string& name : names) {
         const pid_t owner = owner_in(name);
-        if (owner != 0 && !is_alive(owner))
+        // The numbers of processes come round: a dead one's may be our own.
+        if (owner != 0 && (owner == getpid() || !is_alive(owner)))
             remove_traces_of(owner);
     }
 }

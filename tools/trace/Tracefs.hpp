@@ -15,6 +15,9 @@ namespace trace {
 
 inline const std::string tracefs = "/sys/kernel/tracing";
 
+// What forbids it here, as a message; empty when nothing does.
+std::string why_no_tracing();
+
 // Mounts tracefs in a mount namespace of this process alone, where it is not mounted already.
 // Gives what is missing as a message, empty when all is well.
 std::string enter_tracefs();
