@@ -58,18 +58,20 @@ void Receiver::pass() {
 }
 
 void Receiver::receive_packets() {
-    bool is_any_going = false;
+    bool has_any_failed = false;
     for (const ReadyDevice& device : wait_.ready_devices()) {
         const int error = receive_packet(device);
         // The device is gone from Linux (its namespace was deleted): it would be ready for ever,
         // and this thread, busy with it, would keep the threads below it from running.
-        if (error == EBADFD)
+        if (error == EBADFD) {
             wait_.ignore(device.descriptor->number());
-        is_any_going = is_any_going || error == EAGAIN;
+        } else {
+            has_any_failed = has_any_failed || error != 0;
+        }
     }
     // One that Linux is taking away is ready without a packet until the rest of the kernel has let
     // go of it: on a board's only processor never, unless it gets the processor.
-    if (is_any_going)
+    if (has_any_failed)
         usleep(1000);
 }
 

@@ -1,5 +1,4 @@
 #include "Probes.hpp"
-#include "ReceiveWakeup.hpp"
 #include "State.hpp"
 
 #include <zelkernel/tun.h>
@@ -19,8 +18,7 @@ void zel_tun_packet_send(int index, const void* packet, size_t length, const Tun
     device->count_sent(static_cast<std::uint32_t>(length));
     [[maybe_unused]] const ssize_t written = write(device->number(), packet, length);
     ZEL_PROBE(packet_sent, device->ip_version(), index, length);
-    if (state->fd_map.leave(device)) [[unlikely]]
-        wakeup_zel_tun_packet_receive();
+    state->fd_map.leave(device);
 }
 
 } // namespace

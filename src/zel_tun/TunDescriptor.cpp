@@ -1,5 +1,6 @@
 #include "TunDescriptor.hpp"
 
+#include "ReceiveWakeup.hpp"
 #include "Statistics.hpp"
 
 #include <linux/if_tun.h>
@@ -85,11 +86,11 @@ TunReference FdMap::erase(int number) {
     return TunReference{&descriptors_[number]};
 }
 
-bool FdMap::leave(TunDescriptor* descriptor) {
-    const bool is_last = descriptor->drop();
-    if (is_last)
-        left_.add(descriptor);
-    return is_last;
+void FdMap::leave(TunDescriptor* descriptor) {
+    if (!descriptor->drop()) [[likely]]
+        return;
+    left_.add(descriptor);
+    wakeup_zel_tun_packet_receive();
 }
 
 void FdMap::close_left() {

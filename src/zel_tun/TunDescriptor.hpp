@@ -143,17 +143,15 @@ public:
     void insert(TunReference descriptor);
     TunReference erase(int number);
 
-    // A sender's way to give its reference back. True when it was the last: the descriptor stays
-    // open until close_left(), which may take long.
-    bool leave(TunReference& reference) {
-        return leave(std::exchange(reference.descriptor_, nullptr));
-    }
+    // A sender's way to give its reference back. If it was the last, the descriptor stays open
+    // until close_left(), which may take long and for which the receive thread is woken.
+    void leave(TunReference& reference) { leave(std::exchange(reference.descriptor_, nullptr)); }
     void close_left();
 
 private:
     friend class TunFds;
 
-    bool leave(TunDescriptor* descriptor);
+    void leave(TunDescriptor* descriptor);
 
     TunDescriptor descriptors_[FD_SETSIZE];
     Chain<TunDescriptor> left_;

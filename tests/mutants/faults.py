@@ -331,10 +331,7 @@ FAULTS = [
     packet_send("the IPv6 index is looked for among those of IPv4",
                 "zel_tun_packet_send(index, packet, length, state->tun6_fds)",
                 "zel_tun_packet_send(index, packet, length, state->tun4_fds)"),
-    packet_send("a sender closes", "    if (state->fd_map.leave(device)) [[unlikely]]\n"
-                "        wakeup_zel_tun_packet_receive();\n", ""),
-    packet_send("nobody is told what a sender leaves", "        wakeup_zel_tun_packet_receive();\n",
-                "        ;\n"),
+    packet_send("a sender closes", "    state->fd_map.leave(device);\n", ""),
     packet_send("a short write is repeated",
                 "    [[maybe_unused]] const ssize_t written = write(device->number(), packet, length);\n",
                 "    if (write(device->number(), packet, length) != static_cast<ssize_t>(length))\n"
@@ -381,7 +378,9 @@ FAULTS = [
                 "            !descriptor(entry).try_acquire())\n            return {};"),
     descriptors("a lookup gives up at a device that came in between",
                 "        fd_map_.leave(found);\n", "        return {};\n"),
-    descriptors("what senders leave stays open", "left_.add(descriptor);", "return is_last;", "packets_test"),
+    descriptors("what senders leave stays open", "    left_.add(descriptor);\n", "", "packets_test"),
+    descriptors("nobody is told what a sender leaves", "    wakeup_zel_tun_packet_receive();\n", "",
+                "packets_test"),
     descriptors("a reference is taken to what is gone", "while (count != 0) {", "for (;;) {"),
     descriptors("a removed entry ends a lookup", "        if (entry == unused)\n            return {};",
                 "        if (entry <= removed)\n            return {};"),
