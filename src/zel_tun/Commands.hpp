@@ -1,11 +1,18 @@
 // Fragments that the commands of several operations share.
 #pragma once
 
+#include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace zel::network {
+
+// A command from its fragments. (In one place: each + of strings would be some 50 bytes of code.)
+std::string composed(std::initializer_list<std::string_view> fragments);
+
+std::string decimal(std::int64_t number);
 
 // "tun4_3", "tun6_3"
 std::string device_name(int family, int index);

@@ -15,18 +15,19 @@ namespace zel::network {
 
 std::string marking_command(std::string_view instance, int family, const char* action,
                             const std::string& criterion) {
-    return in_instance(instance) + (family == AF_INET ? "iptables" : "ip6tables") + " -t mangle " +
-           action + " OUTPUT " + criterion + " -j MARK --set-mark " + external_mark + " 2>&1";
+    return composed({in_instance(instance), family == AF_INET ? "iptables" : "ip6tables",
+                     " -t mangle ", action, " OUTPUT ", criterion, " -j MARK --set-mark ",
+                     external_mark, " 2>&1"});
 }
 
 namespace {
 
 std::string criterion_text(int32_t protocol, int32_t source_port, int32_t destination_port) {
-    std::string text = "-p " + std::to_string(protocol);
+    std::string text = composed({"-p ", decimal(protocol)});
     if (source_port != 0)
-        text += " --sport " + std::to_string(source_port);
+        text += composed({" --sport ", decimal(source_port)});
     if (destination_port != 0)
-        text += " --dport " + std::to_string(destination_port);
+        text += composed({" --dport ", decimal(destination_port)});
     return text;
 }
 
@@ -74,8 +75,8 @@ void external_route_update(char* output, size_t output_size, const char* name,
         const auto host = address_text(family, address);
         if (!host)
             return;
-        text.run(in_instance(name) + "ip route " + (remove ? "del " : "append ") + *host + " dev " +
-                 device_name(family, interface_index) + " table external 2>&1");
+        text.run(composed({in_instance(name), "ip route ", remove ? "del " : "append ", *host,
+                           " dev ", device_name(family, interface_index), " table external 2>&1"}));
     });
 }
 

@@ -25,8 +25,9 @@ namespace {
 
 // A failing deletion is not noticed, and neither is one for which there is no memory.
 void run_deletion(const PendingTunDelete& deletion) try {
-    const std::string command = in_instance(deletion.name) + "ip tuntap del dev " +
-                                device_name(deletion.family, deletion.index) + " mode tun 2>&1";
+    const std::string command =
+        composed({in_instance(deletion.name), "ip tuntap del dev ",
+                  device_name(deletion.family, deletion.index), " mode tun 2>&1"});
     zel_run_command(command.c_str(), nullptr, 0);
 } catch (const std::bad_alloc&) {
 }

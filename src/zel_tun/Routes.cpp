@@ -14,17 +14,18 @@ void route_update(char* output, size_t output_size, const char* name, const void
         const auto network = address_text(family, destination);
         if (!network)
             return;
-        std::string command = in_instance(name) + "ip route " + (remove ? "del " : "append ") +
-                              *network + "/" + std::to_string(prefix_length);
+        std::string command = composed({in_instance(name), "ip route ", remove ? "del " : "append ",
+                                        *network, "/", decimal(prefix_length)});
         if (gateway != nullptr) {
             const auto via = address_text(family, gateway);
             if (!via)
                 return;
-            command += " via " + *via;
+            command += composed({" via ", *via});
         }
         if (interface_index != nullptr)
-            command += " dev " + device_name(family, *interface_index);
-        text.run(command + " protocol static 2>&1");
+            command += composed({" dev ", device_name(family, *interface_index)});
+        command += " protocol static 2>&1";
+        text.run(command);
     });
 }
 

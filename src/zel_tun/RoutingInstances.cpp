@@ -21,11 +21,11 @@ constexpr const char* local_preference = "110";
 std::vector<std::string> policy_commands(const char* name) {
     std::vector<std::string> commands;
     for (const char* ip : {"ip", "ip -6"}) {
-        const std::string rule = in_instance(name) + ip + " rule ";
-        commands.push_back(rule + "add fwmark " + external_mark + " pref " + mark_preference +
-                           " table external 2>&1");
-        commands.push_back(rule + "del pref 0 2>&1");
-        commands.push_back(rule + "add pref " + local_preference + " table local 2>&1");
+        const std::string rule = composed({in_instance(name), ip, " rule "});
+        commands.push_back(composed({rule, "add fwmark ", external_mark, " pref ", mark_preference,
+                                     " table external 2>&1"}));
+        commands.push_back(composed({rule, "del pref 0 2>&1"}));
+        commands.push_back(composed({rule, "add pref ", local_preference, " table local 2>&1"}));
     }
     return commands;
 }
@@ -82,7 +82,7 @@ using namespace zel::network;
 void zel_vrf_create(char* output, size_t output_size, const char* name) {
     report_into(output, output_size, [=](OutputText& text) {
         const auto policy = policy_commands(name);
-        text.run(std::string{"ip netns add \""} + name + "\" 2>&1");
+        text.run(composed({"ip netns add \"", name, "\" 2>&1"}));
         register_with_criteria(text, name);
         run_all(text, policy);
     });
@@ -90,7 +90,7 @@ void zel_vrf_create(char* output, size_t output_size, const char* name) {
 
 void zel_vrf_destroy(char* output, size_t output_size, const char* name) {
     report_into(output, output_size, [=](OutputText& text) {
-        text.run(std::string{"ip netns del \""} + name + "\" 2>&1");
+        text.run(composed({"ip netns del \"", name, "\" 2>&1"}));
         unregister(name);
     });
 }

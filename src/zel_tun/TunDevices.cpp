@@ -71,12 +71,12 @@ void enter(TunReference descriptor, const char* name, std::list<VrfTun>& vrf_tun
 void zel_tun_create(char* output, size_t output_size, const char* name, int index, int family) {
     report_into(output, output_size, [=](OutputText& text) {
         const std::string device = device_name(family, index);
-        text.run("ip tuntap add dev " + device + " mode tun 2>&1");
+        text.run(composed({"ip tuntap add dev ", device, " mode tun 2>&1"}));
         TunReference descriptor = open_device(text, device, family, index);
         if (!descriptor)
             return;
         std::list<VrfTun> vrf_tun{{family, descriptor->number(), index}};
-        text.run("ip link set dev " + device + " netns \"" + name + "\" 2>&1");
+        text.run(composed({"ip link set dev ", device, " netns \"", name, "\" 2>&1"}));
         enter(std::move(descriptor), name, vrf_tun);
         wakeup_zel_tun_packet_receive();
     });

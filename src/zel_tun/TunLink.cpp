@@ -16,8 +16,8 @@ constexpr int largest_mtu = 65535;
 void zel_tun_status(char* output, size_t output_size, const char* name, int index, bool up,
                     int family) {
     report_into(output, output_size, [=](OutputText& text) {
-        text.run(in_instance(name) + "ip link set dev " + device_name(family, index) +
-                 (up ? " up" : " down") + " 2>&1");
+        text.run(composed({in_instance(name), "ip link set dev ", device_name(family, index),
+                           up ? " up" : " down", " 2>&1"}));
     });
 }
 
@@ -35,15 +35,15 @@ void zel_tun_mtu(char* output, size_t output_size, const char* name, int index, 
                  int family) {
     report_into(output, output_size, [=](OutputText& text) {
         const int applied = std::min(mtu, largest_mtu);
-        const std::string command = in_instance(name) + "ip link set dev " +
-                                    device_name(family, index) + " mtu " + std::to_string(applied) +
-                                    " 2>&1";
+        const std::string command =
+            composed({in_instance(name), "ip link set dev ", device_name(family, index), " mtu ",
+                      decimal(applied), " 2>&1"});
         record_mtu(index, applied, family);
         text.run(command);
     });
 }
 
-std::string scope(int family, bool link_scope) {
+std::string_view scope(int family, bool link_scope) {
     if (family == AF_INET)
         return "";
     return link_scope ? " scope link" : " scope global";
@@ -55,10 +55,10 @@ void zel_tun_address(char* output, size_t output_size, const char* name, int ind
         const auto host = address_text(family, address);
         if (!host)
             return;
-        const std::string change = remove ? "del " + *host + (family == AF_INET ? "/32" : "/128")
-                                          : "add " + *host + scope(family, link_scope);
-        text.run(in_instance(name) + "ip addr " + change + " dev " + device_name(family, index) +
-                 " nodad 2>&1");
+        const std::string_view length = family == AF_INET ? "/32" : "/128";
+        text.run(composed({in_instance(name), "ip addr ", remove ? "del " : "add ", *host,
+                           remove ? length : scope(family, link_scope), " dev ",
+                           device_name(family, index), " nodad 2>&1"}));
     });
 }
 
