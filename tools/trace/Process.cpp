@@ -5,9 +5,7 @@
 #include "Tracefs.hpp"
 
 #include <array>
-#include <cerrno>
 #include <cinttypes>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -196,8 +194,17 @@ std::uint64_t offset_in_file(pid_t process, std::uint64_t address) {
     return 0;
 }
 
+// A process that nobody has waited for is there, with nothing in it. It looks the same when only
+// the main thread has ended.
 bool has_ended(pid_t process) {
-    return kill(process, 0) == -1 && errno == ESRCH;
+    const std::string directory = "/proc/" + std::to_string(process);
+    const std::string stat = read_file(directory + "/stat");
+    const size_t state = stat.rfind(')') + 2;
+    if (state >= stat.size())
+        return true;
+    std::error_code error;
+    const fs::directory_iterator threads{directory + "/task", error};
+    return (stat[state] == 'Z' || stat[state] == 'X') && std::distance(begin(threads), {}) <= 1;
 }
 
 } // namespace trace
