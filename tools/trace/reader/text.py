@@ -94,6 +94,8 @@ def head(report):
     seconds = (timeline.end - timeline.begin) / 1e9
     yield line(f"Process {recording.process}: {seconds:.1f} s, {timeline.count} events on "
                f"{recording.processors} processors, {recording.lost} lost. Times are in us.")
+    if recording.lost:
+        yield line("Lost are the oldest events: a greater --buffer of record keeps more.")
     if recording.cost:
         yield line("Recording cost " + recording.cost + ".")
     if timeline.inferred:
