@@ -17,6 +17,7 @@ import unittest
 TRACE = os.environ["TRACE"].split()
 LATE = os.environ.get("LATE_APPLICATION")
 RECORDED = os.environ.get("RECORDED")
+PROBES = os.path.dirname(os.path.abspath(__file__)) + "/../../src/Probes.hpp"
 
 # Start-up deletes named namespaces: a machine of its own. The recorder finds no tracefs mounted;
 # the test looks into it at another place.
@@ -133,6 +134,15 @@ class Trace(unittest.TestCase):
         self.assertIn("0 events lost", self.output)
         cost = re.search(r"cost (.*) % of one processor", self.output)
         self.assertTrue(cost and 0 < float(cost[1]) < 50, self.output)
+
+    def test_record_has_each_point_of_the_list(self):
+        """What tracers are told there is."""
+        with open(self.file, "rb") as file:
+            kinds = re.findall(rb"name: (\w+)\nID: \d+\nformat:\n((?:\tfield:.*\n|\n)*)",
+                               file.read())
+        points = {name.split(b"__")[0].decode() for name, fields in kinds if b"__probe_ip" in fields}
+        self.assertEqual(points, {name for line in re.findall("^//   (\\w.*)", read(PROBES), re.M)
+                                  for name in line.split("  ")[0].split(", ")})
 
     def reader(self, *arguments):
         file = [] if arguments[-1].endswith(".trace") else [self.file]
