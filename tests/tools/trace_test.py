@@ -106,6 +106,10 @@ class Browser:
     def mouse(self, kind, x, y, **params):
         self.call("Input.dispatchMouseEvent", type="mouse" + kind, x=x, y=y, **params)
 
+    def touch(self, kind, *points):
+        self.call("Input.dispatchTouchEvent", type="touch" + kind,
+                  touchPoints=[{"x": x, "y": y, "id": id} for id, (x, y) in enumerate(points)])
+
 
 class Trace(unittest.TestCase):
     @classmethod
@@ -260,26 +264,29 @@ class Trace(unittest.TestCase):
         with Browser("file://" + page + "#tick-1") as browser:
             self.assertTrue(browser.tell('document.querySelector("a[href=\'#tick-1\']") != null'))
             self.turn_and_drag(browser)
+            browser.tell('location.hash = "#tick-1"; follow()')
+            self.pinch_and_scroll(browser)
             for scheme, paper in (("dark", "rgb(20, 24, 29)"), ("light", "rgb(255, 255, 255)")):
                 browser.call("Emulation.setEmulatedMedia",
                              features=[{"name": "prefers-color-scheme", "value": scheme}])
                 self.assertEqual(browser.tell("getComputedStyle(document.body).backgroundColor"),
                                  paper)
 
-    def turn_and_drag(self, browser):
-        def seen():
-            """Where the chosen mark and its middle's time are now, in pixels."""
-            return browser.tell("""new Promise(done => requestAnimationFrame(() => setTimeout(() => {
-                const box = document.querySelector("#tick-1 rect").getBoundingClientRect();
-                done([box.left, box.width, box.top + 5]);
-            })))""")
+    @staticmethod
+    def seen(browser):
+        """Where the chosen mark is now, in pixels."""
+        return browser.tell("""new Promise(done => requestAnimationFrame(() => setTimeout(() => {
+            const box = document.querySelector("#tick-1 rect").getBoundingClientRect();
+            done([box.left, box.width, box.top + 5]);
+        })))""")
 
-        left, width, top = seen()
+    def turn_and_drag(self, browser):
+        left, width, top = self.seen(browser)
         picture = browser.tell("svg.getBoundingClientRect().width") * 900 / 1200
         self.assertAlmostEqual(width, picture / 1.6, delta=2)  # chosen, it fills the view
         pointer = left + width / 4
         browser.mouse("Wheel", pointer, top, deltaX=0, deltaY=400)
-        zoomed_left, zoomed_width, _ = seen()
+        zoomed_left, zoomed_width, _ = self.seen(browser)
         self.assertAlmostEqual(zoomed_width, width / 1.002 ** 400, delta=2)
         self.assertAlmostEqual(zoomed_left + zoomed_width / 4, pointer, delta=2)
         # By the mark, a link that is not followed; when the button is up, nothing moves any more.
@@ -288,13 +295,33 @@ class Trace(unittest.TestCase):
             browser.mouse("Moved", pointer + step, top, button="left", buttons=1)
         browser.mouse("Released", pointer + 60, top, button="left", clickCount=1)
         browser.mouse("Moved", pointer + 200, top)
-        left, width, _ = seen()
+        left, width, _ = self.seen(browser)
         self.assertAlmostEqual(left, zoomed_left + 60, delta=2)
         self.assertAlmostEqual(width, zoomed_width, delta=2)
         self.assertEqual(browser.tell("location.hash"), "#tick-1")
         for kind in ("Pressed", "Released"):
             browser.mouse(kind, left + 1, top, button="left", clickCount=1)
         self.assertRegex(browser.tell("location.hash"), "^#row-")
+
+    def pinch_and_scroll(self, browser):
+        browser.call("Emulation.setTouchEmulationEnabled", enabled=True, maxTouchPoints=2)
+        left, width, top = self.seen(browser)
+        one, other = left + width / 4, left + width / 2
+        browser.touch("Start", (one, top), (other, top))
+        for step in (5, 10, 15, 20):
+            browser.touch("Move", (one - step, top), (other + step, top))
+        browser.touch("End")
+        pinched_left, pinched_width, _ = self.seen(browser)
+        grown = 1 + 40 / (other - one)
+        self.assertAlmostEqual(pinched_width, width * grown, delta=2)
+        self.assertAlmostEqual(pinched_left + pinched_width / 4, one - 20, delta=2)
+        # A finger that goes up the page takes the page with it.
+        scrolled = browser.tell("scrollY")
+        browser.touch("Start", (other, top))
+        for step in range(0, 60, 10):
+            browser.touch("Move", (other, top - step))
+        browser.touch("End")
+        wait_for(lambda: browser.tell("scrollY") > scrolled + 20, "a page that scrolls")
 
     def test_record_ends_in_any_way(self):
         """Memory is bounded; asked to end, the file is whole; whatever ends it, nothing stays."""

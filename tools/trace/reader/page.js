@@ -95,26 +95,44 @@ function zoom(factor, at = view.t + view.d / 2) {
   show(at - (at - view.t) * length / view.d, length);
 }
 
-const timeAt = event => {
+// Where it is in the view: 0 at its begin, 1 at its end.
+const placeOf = clientX => {
   const box = svg.getBoundingClientRect();
-  return view.t + ((event.clientX - box.left) / box.width * 1200 - left) / width * view.d;
+  return ((clientX - box.left) / box.width * 1200 - left) / width;
 };
+const timeAt = clientX => view.t + placeOf(clientX) * view.d;
 svg.addEventListener("wheel", event => {
   event.preventDefault();
-  zoom(1.002 ** event.deltaY, timeAt(event));
+  zoom(1.002 ** event.deltaY, timeAt(event.clientX));
 }, {passive: false});
-let grip = null, isDragged = false;
+
+// What a mouse or fingers hold stays below them: one moves the view, two stretch it.
+const holds = new Map();
+let isDragged = false;
+function holdAnew() {
+  for (const hold of holds.values()) hold.t = timeAt(hold.x);
+}
+function letGo(event) {
+  if (holds.delete(event.pointerId)) holdAnew();
+}
 svg.addEventListener("pointerdown", event => {
-  isDragged = false;
-  if (event.button === 0) grip = {x: event.clientX, t: view.t};
+  if (event.button !== 0) return;
+  isDragged = holds.size > 0;
+  holds.set(event.pointerId, {from: event.clientX, x: event.clientX});
+  holdAnew();
 });
-addEventListener("pointerup", () => { grip = null; });
+addEventListener("pointerup", letGo);
+addEventListener("pointercancel", letGo);
 addEventListener("pointermove", event => {
-  if (event.buttons === 0) grip = null;
-  if (grip === null) return;
-  const distance = event.clientX - grip.x;
-  isDragged ||= Math.abs(distance) > 3;
-  show(grip.t - distance * view.d / width * 1200 / svg.getBoundingClientRect().width, view.d);
+  if (event.buttons === 0) letGo(event);
+  const hold = holds.get(event.pointerId);
+  if (!hold) return;
+  hold.x = event.clientX;
+  isDragged ||= Math.abs(hold.x - hold.from) > 3;
+  const [first, second] = [...holds.values()].sort((one, other) => one.t - other.t);
+  const at = placeOf(first.x);
+  const d = second ? (second.t - first.t) / Math.max(placeOf(second.x) - at, 0.01) : view.d;
+  show(first.t - at * d, d);
 });
 // A mark is a link: who drags by it does not want to follow it, nor to take it elsewhere.
 svg.addEventListener("click", event => { if (isDragged) event.preventDefault(); });

@@ -33,8 +33,8 @@ def page(report):
            f'<style>{STYLE}{beside("page.css")}</style></head><body><main><h1>{title}</h1>')
     yield "<p>" + escape(" ".join(head(report))) + "</p>"
     yield ('<figure><p><button value="+">Zoom in</button> <button value="-">Zoom out</button> '
-           '<button value="0">Whole</button> Drag to move, turn the wheel to zoom; keys + - 0 and '
-           "the arrows do it, too. Blue runs, orange could run; below it, green is the "
+           '<button value="0">Whole</button> Drag to move, turn the wheel or '
+           "pinch to zoom; keys + - 0 and the arrows do it, too. Blue runs, orange could run; below it, green is the "
            "library's, violet the kernel's, red a wait for a lock.</p>")
     if picture.is_thinned:
         yield "<p>Only 50 ms around the cases of the table are shown: there is too much else.</p>"
