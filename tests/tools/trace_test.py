@@ -266,6 +266,7 @@ class Trace(unittest.TestCase):
             self.turn_and_drag(browser)
             browser.tell('location.hash = "#tick-1"; follow()')
             self.pinch_and_scroll(browser)
+            self.show_whole(browser)
             for scheme, paper in (("dark", "rgb(20, 24, 29)"), ("light", "rgb(255, 255, 255)")):
                 browser.call("Emulation.setEmulatedMedia",
                              features=[{"name": "prefers-color-scheme", "value": scheme}])
@@ -322,6 +323,17 @@ class Trace(unittest.TestCase):
             browser.touch("Move", (other, top - step))
         browser.touch("End")
         wait_for(lambda: browser.tell("scrollY") > scrolled + 20, "a page that scrolls")
+
+    def show_whole(self, browser):
+        """Names of marks that would stand on each other."""
+        browser.tell('keys["0"]()')
+        self.seen(browser)
+        names = sorted(browser.tell("""[...document.querySelectorAll(".mark text")]
+            .map(name => name.getBoundingClientRect()).filter(box => box.width > 0)
+            .map(box => [box.top, box.left, box.right])"""))
+        self.assertGreater(len(names), 5)
+        for one, other in zip(names, names[1:]):
+            self.assertTrue(one[0] < other[0] or one[2] <= other[1], names)
 
     def test_record_ends_in_any_way(self):
         """Memory is bounded; asked to end, the file is whole; whatever ends it, nothing stays."""

@@ -53,6 +53,22 @@ function drawMark(mark) {
   mark.element.querySelector("text").setAttribute("x", Math.max(left, x(mark.t)) + 2);
 }
 
+// Where two would stand on each other, only one has its name shown: the chosen one first.
+function drawNames() {
+  const visible = marks.filter(({element}) => element.style.display === "");
+  const isChosen = ({element}) => element.classList.contains("chosen");
+  visible.sort((one, other) => isChosen(other) - isChosen(one));
+  const taken = [];
+  for (const {element} of visible) {
+    const text = element.querySelector("text");
+    text.style.display = "";
+    const box = text.getBBox();
+    const free = taken.every(other => other.y !== box.y || other.x > box.x + box.width
+                             || other.x + other.width < box.x);
+    if (free) taken.push(box); else text.style.display = "none";
+  }
+}
+
 function add(parent, name, attributes, text) {
   const element = document.createElementNS(svg.namespaceURI, name);
   for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
@@ -87,6 +103,7 @@ function show(t, d) {
 function draw() {
   tracks.forEach(drawTrack);
   marks.forEach(drawMark);
+  drawNames();
   drawAxis();
 }
 
@@ -156,5 +173,5 @@ function follow() {
   svg.scrollIntoView({block: "center"});
 }
 addEventListener("hashchange", follow);
+addEventListener("load", follow);  // after the browser has gone to the mark by itself
 draw();
-follow();

@@ -99,8 +99,8 @@ def head(report):
     if recording.cost:
         yield line("Recording cost " + recording.cost + ".")
     if timeline.inferred:
-        yield line(f"{timeline.inferred} switches between threads that the kernel did not record are "
-                   "inferred.")
+        yield line("Switches between threads that the kernel did not record, and that are inferred: "
+                   f"{timeline.inferred}.")
     for lack in recording.lacks:
         yield line("missing " + lack, hang=2)
 
