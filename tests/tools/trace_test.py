@@ -384,6 +384,13 @@ class Trace(unittest.TestCase):
             with self.subTest(arguments):
                 result = subprocess.run([*TRACE, *arguments], capture_output=True, check=False)
                 self.assertEqual((result.returncode, result.stdout), (2, b""))
+        for arguments, reason in ((["-o", "/proc/none", "--", LATE], "/proc/none: "),
+                                  (["--", "/no/program"], "/no/program: no such program")):
+            with self.subTest(arguments):
+                refused = subprocess.run([*TRACE, "record", *arguments], capture_output=True,
+                                         text=True, check=False)
+                self.assertEqual((refused.returncode, refused.stdout), (1, ""))
+                self.assertIn(reason, refused.stderr)
         contained = subprocess.run(["unshare", "--pid", "--fork", *TRACE, "record", "--", LATE],
                                    capture_output=True, text=True, check=False)
         self.assertIn("container (PID namespace)", contained.stderr)
