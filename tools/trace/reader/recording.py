@@ -189,13 +189,19 @@ class Recording:
 
     def events_of(self, cpu):
         offset, size = self.places[cpu]
+        before = 0
         for page in range(offset, offset + size, self.page_size):
-            yield from self.events_in(self.data[page:page + self.page_size], cpu)
+            for event in self.events_in(self.data[page:page + self.page_size], cpu):
+                if event.time < before:
+                    raise ValueError("an event earlier than the one before it")
+                before = event.time
+                yield event
 
     def events_in(self, page, cpu):
         time, end = self.page_head.unpack_from(page)
         at = self.page_data
-        end = min(at + (end & 0xfffff), len(page) - 3)
+        last = at + (end & 0xfffff)
+        end = min(last, len(page) - 3)
         word, number = (struct.Struct(self.order + letter).unpack_from for letter in "IH")
         is_little = self.order == "<"
         while at < end:
@@ -223,6 +229,8 @@ class Recording:
                     if self.is_ours(fields):
                         yield Event(time, cpu, fields.pop("common_pid"), form.name, fields)
             at += size
+            if at > last:
+                raise ValueError("an event longer than its page")
 
     def is_ours(self, fields):
         """Another application with the same library hits the same probes."""

@@ -123,7 +123,8 @@ def table(title, columns, rows):
     yield title
     yield "  " + columns[0].ljust(room) + "".join(f"{column:>11}" for column in columns[1:])
     for name, *values in rows:
-        name = name if len(name) <= room else name[:room - 3] + "..."
+        if len(name) > room:  # a function's own name is at its end
+            name = name[:room // 2] + "..." + name[room // 2 + 3 - room:]
         yield "  " + name.ljust(room) + "".join(f"{value:>11}" for value in values)
 
 
