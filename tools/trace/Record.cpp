@@ -157,8 +157,8 @@ Library check(const Options& options) {
         fail("there is no process " + std::to_string(options.process));
     if (options.command != nullptr && find_program(options.command[0]).empty())
         fail(std::string{options.command[0]} + ": no such program");
-    const Library library = options.command != nullptr ? library_of_command(options.command)
-                                                       : library_of_process(options.process);
+    Library library = options.command != nullptr ? library_of_command(options.command)
+                                                 : library_of_process(options.process);
     if (library.path.empty()) {
         fail("no libzelkernel with probe points is loaded: is this the application itself, and was "
              "the library built with sys/sdt.h (Debian: systemtap-sdt-dev)?");
