@@ -61,9 +61,10 @@ private:
         const std::string name = image_.text(at);
         at += name.size() + 1;
         const std::uint64_t offset = file_offset(address);
-        if (provider == "zelkernel")
-            points.push_back({name, offset, semaphore == 0 ? 0 : file_offset(semaphore),
-                              image_.text(at), !is_arm() || is_arm_nop(offset)});
+        if (provider != "zelkernel")
+            return;
+        points.push_back({name, offset, semaphore == 0 ? 0 : file_offset(semaphore),
+                          image_.text(at), !is_arm() || is_arm_nop(offset)});
     }
 
     bool is_arm() const { return header_.e_machine == EM_ARM; }

@@ -112,7 +112,7 @@ std::string find_program(const std::string& name) {
     const char* const path = std::getenv("PATH");
     std::istringstream directories{path == nullptr ? "/usr/bin:/bin" : path};
     for (std::string directory; std::getline(directories, directory, ':');) {
-        const std::string program = (directory.empty() ? "." : directory) + '/' + name;
+        std::string program = (directory.empty() ? "." : directory) + '/' + name;
         if (access(program.c_str(), X_OK) == 0)
             return program;
     }
@@ -156,9 +156,12 @@ void describe_threads(pid_t process, std::map<pid_t, std::string>& lines) {
         sched_param param{};
         sched_getparam(thread, &param);
         const std::string name = read_file(task.path().string() + "/comm"); // a whole line
-        if (!name.empty())
-            lines[thread] =
-                "thread " + id + ' ' + std::to_string(param.sched_priority) + ' ' + name;
+        if (name.empty())
+            continue;
+        std::string& line = lines[thread];
+        line = "thread ";
+        line.append(id).append(" ").append(std::to_string(param.sched_priority));
+        line.append(" ").append(name);
     }
 }
 
