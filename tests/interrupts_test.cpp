@@ -215,8 +215,8 @@ TEST_F(Manager, ServesEveryPulseAndItsDeferredRoutine) {
         std::atomic<pthread_t> isr_thread{};
     } device;
     LinuxDeferredServiceController::getInstance();
-    std::atomic<int> nulls{0};
-    interposed::waitForLinuxInterruptPulse = [&](int fd) {
+    static std::atomic<int> nulls{0}; // the thread waits on when the case is over
+    interposed::waitForLinuxInterruptPulse = [](int fd) {
         return ++nulls % 2 == 0 ? nullptr : real::waitForLinuxInterruptPulse(fd);
     };
     const ManualTick ticks;

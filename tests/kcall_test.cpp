@@ -133,7 +133,7 @@ TEST_F(Queue, IsReadAndChangedUnderItsLockAlone) {
     static std::function<void()> meanwhile;
     static const KernelCall* last_at_unlock;
     interposed::pthread_mutex_lock = [](pthread_mutex_t* mutex) {
-        if (mutex == &kcall_mutex && meanwhile != nullptr)
+        if (mutex == &kcall_mutex && zel_get_current_context() == 0 && meanwhile != nullptr)
             std::exchange(meanwhile, nullptr)();
         const int result = real::pthread_mutex_lock(mutex);
         if (mutex == &kcall_mutex && zel_get_current_context() == 1)
@@ -154,8 +154,10 @@ TEST_F(Queue, IsReadAndChangedUnderItsLockAlone) {
     EXPECT_EQ(last_at_unlock, &KCallList[2]);
     meanwhile = [] { KCallLevel = 1; }; // a pass begins
     cancel();
+    pthread_mutex_lock(&kcall_mutex);
     KCallRunPoller = [] { steps += "poll", ++polls; };
     KCallLevel = 0;
+    pthread_mutex_unlock(&kcall_mutex);
     tick();
     EXPECT_EQ(steps, "(poll)call()call()");
     meanwhile = queue;

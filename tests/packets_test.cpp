@@ -249,7 +249,7 @@ TEST_F(Packets, AreReadWithTheDevicesMtuAndDroppedWithoutABufferOrDevice) {
         if (size < 1500)
             return real::read(fd, data, size);
         EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-        errno = std::array{EAGAIN, EINTR, EIO, ENOMEM}[++refused % 4];
+        errno = std::array{EAGAIN, EINTR, EIO, ENOMEM}[static_cast<size_t>(++refused % 4)];
         return ssize_t{-1};
     };
     zel_tun_ipv4_mtu(nullptr, 0, "red", 3, 1500);

@@ -207,7 +207,7 @@ TEST(Routing, InstancesGetTheirPolicyAndStartUpRemovesThem) {
     zel_vrf_create(text, size, "red");
     EXPECT_THAT(text, HasSubstr("Cannot create namespace file"));
     EXPECT_THAT(text, HasSubstr("RTNETLINK answers: File exists"));
-    for (const size_t length : {0, 300, 100'000}) { // no name for a namespace
+    for (const size_t length : {0U, 300U, 100'000U}) { // no name for a namespace
         zel_vrf_create(text, size, std::string(length, 'n').c_str());
         EXPECT_STRNE(text, "") << length;
     }
