@@ -1,8 +1,9 @@
 // pthread_mutex_lock with the probe points of a contended lock (src/Probes.hpp).
 //
-// To tell whether a lock is held costs a nanosecond or two. So it is only looked at while a tracer
-// is attached to `lock_wait`: Linux counts those in the point's semaphore (uprobes' reference
-// counter, Linux 4.20), which is a word that nobody else writes.
+// To tell whether a lock is held reads the lock itself just before it is taken. So it is only
+// looked at while a tracer is attached to `lock_wait`: Linux counts those in the point's semaphore
+// (uprobes' reference counter, Linux 4.20), a word that nobody else writes. That costs half as
+// much.
 #pragma once
 
 #include "Probes.hpp"

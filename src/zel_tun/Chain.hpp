@@ -1,5 +1,6 @@
-// Elements that any thread adds and one takes away, all at once; neither ever waits. The latest is
-// the head of a chain through their members `next`, so that no element is touched by two threads.
+// Elements that any thread adds, and any takes away, all at once; neither ever waits. The latest is
+// the head of a chain through their members `next`. Who takes the chain has it alone: no element is
+// touched by two threads.
 #pragma once
 
 #include <atomic>
