@@ -36,6 +36,11 @@ inline void sleep_until(std::int64_t monotonic_ns) {
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
 }
 
+// How often to measure by turns: once where only the program is tried (table.py --once).
+inline int turns(int usual) {
+    return std::getenv("ZEL_BENCH_ONCE") != nullptr ? 1 : usual;
+}
+
 inline void report(const char* path, const char* side, double value) {
     std::printf("%s\t%s\t%.3f\n", path, side, value);
 }

@@ -15,14 +15,14 @@ namespace {
 constexpr int receive_priority = 10, traffic_priority = 5, configuration_priority = 1;
 constexpr std::int64_t period = 203'417; // no ticks of Linux fall on every second sample
 constexpr std::int64_t turn = 1'500'000'000;
-constexpr int turns = 4;
+constexpr int most_turns = 4;
 constexpr std::size_t samples_per_turn = turn / period;
 
 enum Side { quiet, configuration, sides };
 constexpr const char* side_names[sides] = {"quiet", "configuration"};
 
 struct Samples {
-    std::array<std::int64_t, samples_per_turn * turns> values;
+    std::array<std::int64_t, samples_per_turn * most_turns> values;
     std::size_t count;
 
     void add(std::int64_t value) {
@@ -67,7 +67,7 @@ void* keep_traffic(void* argument) {
     const auto write_by_hand = [&] {
         [[maybe_unused]] const auto n = write(devices[0].fd, packet.data(), packet.size());
     };
-    for (int i = 0; i < 2 * turns; ++i) {
+    for (int i = 0; i < sides * bench::turns(most_turns); ++i) {
         side = i % sides;
         last_reception = 0;
         if (side == configuration)

@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int turns = 25;
 constexpr const char* path = "zel_vrf_create";
 constexpr const char* script_path = "/run/create";
 constexpr const char* script = R"(ip netns add "bench" 2>&1
@@ -56,7 +55,7 @@ void measure(const char* side) {
 int main() {
     bench::start_kernel(1'000'000);
     write_script();
-    for (int turn = 0; turn < turns; ++turn) {
+    for (int turn = 0; turn < bench::turns(25); ++turn) {
         measure<create_by_library>("ours");
         measure<create_by_script>("reference");
     }

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr int turns = 400;
 constexpr std::size_t calls = 1000;
 constexpr const char* path = "1,000 queued calls in one pass";
 
@@ -70,7 +69,7 @@ int main() {
     sem_init(&done, 0, 0);
     __wrap_pthread_mutex_init(&mutex, nullptr);
     bench::start_kernel(1000);
-    for (int turn = 0; turn < turns; ++turn) {
+    for (int turn = 0; turn < bench::turns(400); ++turn) {
         enqueue(run_turn);
         __wrap_sem_wait(&done);
         bench::report(path, "ours", ours);

@@ -14,6 +14,7 @@
 #include <netinet/ip.h>
 #include <netinet/udp.h>
 #include <optional>
+#include <span>
 
 namespace {
 
@@ -90,14 +91,16 @@ void alloc_buffer(void** handle, void** data, int) {
 
 void free_buffer(void*) {}
 
-// The whole of the reference: one select() on the same descriptors and, for each ready device, one
+std::span<const Device> reference_devices; // what the loop below waits for
+
+// The whole of the reference: one select() on the descriptors and, for each ready device, one
 // read().
 void drain_by_hand() {
     fd_set all;
     FD_ZERO(&all);
     FD_SET(wakeup_pipe, &all);
     int highest = wakeup_pipe;
-    for (const Device& device : instance->devices()) {
+    for (const Device& device : reference_devices) {
         FD_SET(device.fd, &all);
         highest = std::max(highest, device.fd);
     }
@@ -106,7 +109,7 @@ void drain_by_hand() {
         fd_set ready = all;
         if (select(highest + 1, &ready, nullptr, nullptr, nullptr) < 0)
             return;
-        for (const Device& device : instance->devices()) {
+        for (const Device& device : reference_devices) {
             if (FD_ISSET(device.fd, &ready) && read(device.fd, buffer.data(), buffer.size()) >= 0)
                 count_packet();
         }
@@ -143,6 +146,11 @@ double run_drain(sem_t& start) {
     return drain.expected * 1e9 / static_cast<double>(drain.end - drain.begin);
 }
 
+double run_reference_drain(std::span<const Device> devices) {
+    reference_devices = devices;
+    return run_drain(reference_start);
+}
+
 // The receive thread sleeps in its callback while the reference drains.
 void hold_receive_thread() {
     hold = true;
@@ -153,12 +161,17 @@ void hold_receive_thread() {
 void measure_receive(const std::string& devices_text, const Load& load, std::size_t size) {
     const std::string path = "receive, " + std::to_string(size) + " bytes, " + devices_text;
     unsigned allocated = 0;
+    const std::span<const Device> all = instance->devices();
     // The reference takes its time with many devices.
-    const int turns = instance->devices().size() == 256 ? 25 : 100;
+    const int turns = bench::turns(all.size() == 256 ? 25 : 100);
     for (int turn = 0; turn < turns; ++turn) {
         hold_receive_thread();
         queue_load(load, size);
-        bench::report(path.c_str(), "reference", run_drain(reference_start));
+        bench::report(path.c_str(), "reference", run_reference_drain(all));
+        if (load.count == 1) {
+            queue_load(load, size);
+            bench::report(path.c_str(), "alone", run_reference_drain(all.subspan(load.first, 1)));
+        }
         queue_load(load, size);
         const unsigned before = allocations;
         const double rate = run_drain(drain.start);
@@ -185,7 +198,8 @@ double light_load_processor_time(sem_t& start) {
 void measure_light_load() {
     const std::string path = "processor time, " + std::to_string(instance->devices().size()) +
                              " devices, 50 packets/s each";
-    for (int turn = 0; turn < 3; ++turn) {
+    reference_devices = instance->devices();
+    for (int turn = 0; turn < bench::turns(3); ++turn) {
         hold_receive_thread();
         bench::report(path.c_str(), "reference", light_load_processor_time(reference_start));
         bench::report(path.c_str(), "ours", light_load_processor_time(drain.start));
@@ -236,7 +250,7 @@ void measure_send(const std::string& devices_text, std::size_t size) {
     const auto packet = udp_packet(size);
     const int index = static_cast<int>(instance->devices().size()) - 1;
     const int fd = instance->devices().back().fd;
-    for (int turn = 0; turn < 800; ++turn) {
+    for (int turn = 0; turn < bench::turns(800); ++turn) {
         bench::report(path.c_str(), "ours",
                       send_rate([&] { zel_tun_ipv4_packet_send(index, packet.data(), size); }));
         bench::report(path.c_str(), "reference", send_rate([&] {

@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr int turns = 1500;
 constexpr int application_priority = 5;
 constexpr const char* path = "thread creation until its routine runs";
 
@@ -50,7 +49,7 @@ int main() {
     const pthread_attr_t ours = application_attributes();
     const pthread_attr_t reference =
         bench::fifo_attributes(bench::linux_priority(application_priority), 0);
-    for (int turn = 0; turn < turns; ++turn) {
+    for (int turn = 0; turn < bench::turns(1500); ++turn) {
         measure<__wrap_pthread_create>(ours, "ours");
         measure<pthread_create>(reference, "reference");
     }

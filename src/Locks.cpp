@@ -18,11 +18,11 @@ using zel::posix_locks_are_on;
 namespace {
 
 int lock(pthread_mutex_t* mutex) {
-    int result = 0;
-    do {
-        result = zel::lock(mutex);
-    } while (result == ETIMEDOUT);
-    return result;
+    for (;;) {
+        const int result = zel::lock(mutex);
+        if (result != ETIMEDOUT) [[likely]]
+            return result;
+    }
 }
 
 } // namespace
@@ -122,21 +122,21 @@ int __wrap_sem_init(sem_t* sem, int, unsigned int value) {
 int __wrap_sem_wait(sem_t* sem) {
     if (!posix_locks_are_on())
         return 0;
-    int result = 0;
-    do {
-        result = sem_wait(sem);
-    } while (result == -1 && errno == EINTR);
-    return result;
+    for (;;) {
+        const int result = sem_wait(sem);
+        if (result != -1 || errno != EINTR) [[likely]]
+            return result;
+    }
 }
 
 int __wrap_sem_timedwait(sem_t* sem, const timespec* abstime) {
     if (!posix_locks_are_on())
         return 0;
-    int result = 0;
-    do {
-        result = sem_timedwait(sem, abstime);
-    } while (result == -1 && errno == EINTR);
-    return result;
+    for (;;) {
+        const int result = sem_timedwait(sem, abstime);
+        if (result != -1 || errno != EINTR)
+            return result;
+    }
 }
 
 int __wrap_sem_trywait(sem_t* sem) {

@@ -89,8 +89,8 @@ FAULTS = [
              "cached_count()"),
     affinity("a signal ends the count", "errno != EINTR", "true"),
 
-    locks("a lock is not retried after a timeout", "while (result == ETIMEDOUT)",
-          "while (result == EAGAIN)"),
+    locks("a lock is not retried after a timeout", "if (result != ETIMEDOUT)",
+          "if (result != EAGAIN)"),
     locks("mutexes do not inherit priority", "(attr, PTHREAD_PRIO_INHERIT)",
           "(attr, PTHREAD_PRIO_NONE)"),
     locks("inheritance is asked for once", "    pthread_mutexattr_setprotocol(&inheriting, "
@@ -106,8 +106,7 @@ FAULTS = [
     locks("a semaphore is shared", "return sem_init(sem, 0, value);",
           "return sem_init(sem, 1, value);"),
     locks("a signal ends a timed semaphore wait",
-          "        result = sem_timedwait(sem, abstime);\n    } while (result == -1 && errno == EINTR);",
-          "        result = sem_timedwait(sem, abstime);\n    } while (false);"),
+          "if (result != -1 || errno != EINTR)\n", "if (true)\n"),
     locks("the old ceiling is not shifted back", "    *where = zel::to_application_priority(*where);\n",
           ""),
 
