@@ -3,6 +3,7 @@
 #include "Tracefs.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
@@ -19,10 +20,38 @@ namespace fs = std::filesystem;
 namespace trace {
 namespace {
 
+// The CRC-32 of Ethernet and zip (polynomial 0x04c11db7, least bit first), half a byte at a time:
+// nothing beside the copying of a recording, and a table of 16 words.
+class Checksum {
+public:
+    void add(const unsigned char* data, size_t size) {
+        for (size_t at = 0; at < size; ++at) {
+            step(data[at]);
+            step(data[at] >> 4);
+        }
+    }
+    std::uint32_t value() const { return ~rest_; }
+
+private:
+    static constexpr std::array<std::uint32_t, 16> table = [] {
+        std::array<std::uint32_t, 16> made{};
+        for (std::uint32_t i = 0; i < made.size(); ++i) {
+            made[i] = i;
+            for (int bit = 0; bit < 4; ++bit)
+                made[i] = (made[i] >> 1) ^ ((made[i] & 1) != 0 ? 0xedb88320 : 0);
+        }
+        return made;
+    }();
+
+    void step(unsigned half) { rest_ = (rest_ >> 4) ^ table[(rest_ ^ half) & 15]; }
+
+    std::uint32_t rest_ = ~std::uint32_t{0};
+};
+
 // Numbers are written as this machine has them; the header says how that is.
 class Output {
 public:
-    explicit Output(const std::string& path) : file_(std::fopen(path.c_str(), "wbe")) {}
+    explicit Output(const std::string& path) : file_(std::fopen(path.c_str(), "w+be")) {}
     ~Output() {
         if (file_ != nullptr)
             std::fclose(file_);
@@ -48,6 +77,16 @@ public:
     }
     std::uint64_t tell() const { return static_cast<std::uint64_t>(ftello(file_)); }
     void seek(std::uint64_t position) { fseeko(file_, static_cast<off_t>(position), SEEK_SET); }
+    // Of all that has been written, which is read back: its order was not that of the file.
+    std::uint32_t checksum() {
+        Checksum sum;
+        std::array<unsigned char, 4096> some;
+        seek(0);
+        while (const size_t size = std::fread(some.data(), 1, some.size(), file_))
+            sum.add(some.data(), size);
+        fseeko(file_, 0, SEEK_END);
+        return sum.value();
+    }
     bool finish() {
         const bool good = std::fflush(file_) == 0 && std::ferror(file_) == 0;
         const int problem = errno;
@@ -150,10 +189,15 @@ void write_buffers(Output& output, const std::string& instance) {
     output.seek(end);
 }
 
+void least_byte_first(Output& output, std::uint64_t value, unsigned bytes) {
+    for (unsigned byte = 0; byte < bytes; ++byte)
+        output.number(static_cast<unsigned char>(value >> (8 * byte)));
+}
+
 void write_facts(Output& output, const std::string& facts) {
     output.bytes(facts);
-    for (unsigned byte = 0; byte < 8; ++byte)
-        output.number(static_cast<unsigned char>(std::uint64_t{facts.size()} >> (8 * byte)));
+    least_byte_first(output, facts.size(), 8);
+    least_byte_first(output, output.checksum(), 4);
     output.bytes("zeltrace");
 }
 

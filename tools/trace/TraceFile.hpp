@@ -10,8 +10,8 @@ namespace trace {
 bool can_be_written(const std::string& path);
 
 // Writes what the stopped instance's buffers hold, followed by `facts` (lines of text), their
-// length as 8 bytes, least first, and the 8 characters "zeltrace". False, with errno, when the file
-// cannot be written; then it is removed.
+// length as 8 bytes, least first, the CRC-32 of all that as 4, and the 8 characters "zeltrace".
+// False, with errno, when the file cannot be written; then it is removed.
 bool write_trace_file(const std::string& path, const std::string& instance,
                       const std::string& group, const std::string& facts);
 

@@ -7,6 +7,7 @@ import mmap
 import re
 import struct
 from collections import namedtuple
+from zlib import crc32
 
 Event = namedtuple("Event", "time cpu tid name fields")  # time in ns of the kernel's clock
 Thread = namedtuple("Thread", "name linux")
@@ -112,6 +113,8 @@ class Recording:
             raise NotARecording("it is none of zelkernel-trace's")
         if self.data[-len(END):] != END:
             raise NotARecording("it ends too early, or is none of zelkernel-trace's")
+        if crc32(memoryview(self.data)[:-12]) != int.from_bytes(self.data[-12:-8], "little"):
+            raise Damaged("its checksum is another than when it was written")
         try:
             self.read_facts(self.data)
             self.read_head(Reader(self.data, len(MAGIC)))
@@ -123,9 +126,9 @@ class Recording:
         self.process, self.threads, self.maps, self.symbols = 0, {}, [], []
         self.shift, self.cost, self.lost, self.lacks = None, "", 0, []
         self.ours = {}
-        size = int.from_bytes(data[-16:-8], "little")
+        size = int.from_bytes(data[-20:-12], "little")
         base = 0
-        for line in data[-16 - size:-16].decode("utf-8", "replace").splitlines():
+        for line in data[-20 - size:-20].decode("utf-8", "replace").splitlines():
             kind, _, rest = line.partition(" ")
             if kind == "process":
                 self.process = int(rest)
