@@ -20,6 +20,16 @@ namespace fs = std::filesystem;
 namespace trace {
 namespace {
 
+constexpr std::array<std::uint32_t, 16> crc_table() {
+    std::array<std::uint32_t, 16> table{};
+    for (std::uint32_t i = 0; i != 16; ++i) {
+        table[i] = i;
+        for (int bit = 0; bit != 4; ++bit)
+            table[i] = (table[i] >> 1) ^ ((table[i] & 1) != 0 ? 0xedb88320 : 0);
+    }
+    return table;
+}
+
 // The CRC-32 of Ethernet and zip (polynomial 0x04c11db7, least bit first), half a byte at a time:
 // nothing beside the copying of a recording, and a table of 16 words.
 class Checksum {
@@ -33,18 +43,9 @@ public:
     std::uint32_t value() const { return ~rest_; }
 
 private:
-    static constexpr std::array<std::uint32_t, 16> table = [] {
-        std::array<std::uint32_t, 16> made{};
-        for (std::uint32_t i = 0; i < made.size(); ++i) {
-            made[i] = i;
-            for (int bit = 0; bit < 4; ++bit)
-                made[i] = (made[i] >> 1) ^ ((made[i] & 1) != 0 ? 0xedb88320 : 0);
-        }
-        return made;
-    }();
+    void step(unsigned half) { rest_ = (rest_ >> 4) ^ table_[(rest_ ^ half) & 15]; }
 
-    void step(unsigned half) { rest_ = (rest_ >> 4) ^ table[(rest_ ^ half) & 15]; }
-
+    static constexpr std::array<std::uint32_t, 16> table_ = crc_table();
     std::uint32_t rest_ = ~std::uint32_t{0};
 };
 
