@@ -6,7 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <regex>
+#include <optional>
+#include <regex.h>
 #include <sstream>
 
 namespace trace {
@@ -120,19 +121,46 @@ const std::map<std::string, std::vector<std::string>, std::less<>> argument_name
     {"command_begin", {"text$"}},
 };
 
+// A regular expression of POSIX: the C++ library's would be half of this program.
+class Pattern {
+public:
+    explicit Pattern(const char* text) { regcomp(&compiled_, text, REG_EXTENDED); }
+    ~Pattern() { regfree(&compiled_); }
+    Pattern(const Pattern&) = delete;
+    Pattern& operator=(const Pattern&) = delete;
+
+    using Groups = std::array<std::string, 4>;
+
+    // The whole first match and its groups; a group that took no part is empty.
+    std::optional<Groups> in(const std::string& text) const {
+        std::array<regmatch_t, std::tuple_size_v<Groups>> found;
+        if (regexec(&compiled_, text.c_str(), found.size(), found.data(), 0) != 0)
+            return {};
+        Groups groups;
+        for (size_t i = 0; i < found.size(); ++i) {
+            const auto& [from, to] = found[i];
+            if (from != -1)
+                groups[i] = text.substr(static_cast<size_t>(from), static_cast<size_t>(to - from));
+        }
+        return groups;
+    }
+
+private:
+    regex_t compiled_;
+};
+
 // x86: %rdi, %edi and %dil are %di to the kernel; %r8d is %r8.
-std::string register_name(std::string name) {
-    static const std::regex numbered{"(r[0-9]+)[dwb]"};
-    static const std::regex wide{"[re]([a-z]{2})"};
-    static const std::regex byte{"([sd]il?|[sb]pl?)|([abcd])l"};
-    std::smatch match;
-    if (std::regex_match(name, match, numbered))
-        return match[1];
-    if (std::regex_match(name, match, wide))
-        return match[1];
-    if (std::regex_match(name, match, byte))
-        return match[2].matched ? match[2].str() + "x" : name.substr(0, 2);
-    return name;
+std::string register_name(const std::string& name) {
+    static const Pattern numbered{"^(r[0-9]+)[dwb]$"};
+    static const Pattern wide{"^[re]([a-z]{2})$"};
+    static const Pattern byte{"^([sd]i|[sb]p)l?$"};
+    static const Pattern byte_of_letter{"^([abcd])l$"};
+    for (const Pattern* pattern : {&numbered, &wide, &byte}) {
+        if (const auto match = pattern->in(name))
+            return (*match)[1];
+    }
+    const auto match = byte_of_letter.in(name);
+    return match ? (*match)[1] + "x" : name;
 }
 
 std::string offset_of(const std::string& text) {
@@ -143,22 +171,21 @@ std::string offset_of(const std::string& text) {
 
 // An operand as a fetch argument; empty when there is none like it.
 std::string fetch(const std::string& operand) {
-    static const std::regex x86_register{"%([a-z0-9]+)"};
-    static const std::regex x86_memory{"(-?[0-9]*)\\(%([a-z0-9]+)\\)"};
-    static const std::regex arm_register{"r[0-9]+|fp|ip|sp|lr"};
-    static const std::regex arm_memory{"\\[([a-z0-9]+)(?:, ?#(-?[0-9]+))?\\]"};
-    static const std::regex constant{"[$#](-?[0-9]+)"};
-    std::smatch match;
-    if (std::regex_match(operand, match, x86_register))
-        return "%" + register_name(match[1]);
-    if (std::regex_match(operand, match, x86_memory))
-        return offset_of(match[1]) + "(%" + register_name(match[2]) + ")";
-    if (std::regex_match(operand, arm_register))
+    static const Pattern x86_register{"^%([a-z0-9]+)$"};
+    static const Pattern x86_memory{"^(-?[0-9]*)\\(%([a-z0-9]+)\\)$"};
+    static const Pattern arm_register{"^(r[0-9]+|fp|ip|sp|lr)$"};
+    static const Pattern arm_memory{"^\\[([a-z0-9]+)(, ?#(-?[0-9]+))?\\]$"};
+    static const Pattern constant{"^[$#](-?[0-9]+)$"};
+    if (const auto match = x86_register.in(operand))
+        return "%" + register_name((*match)[1]);
+    if (const auto match = x86_memory.in(operand))
+        return offset_of((*match)[1]) + "(%" + register_name((*match)[2]) + ")";
+    if (arm_register.in(operand))
         return "%" + operand;
-    if (std::regex_match(operand, match, arm_memory))
-        return offset_of(match[2]) + "(%" + match[1].str() + ")";
-    if (std::regex_match(operand, match, constant))
-        return "\\" + match[1].str();
+    if (const auto match = arm_memory.in(operand))
+        return offset_of((*match)[3]) + "(%" + (*match)[1] + ")";
+    if (const auto match = constant.in(operand))
+        return "\\" + (*match)[1];
     return {};
 }
 
@@ -187,24 +214,27 @@ std::string reference_counter(const ProbePoint& point) {
 }
 
 std::string fetch_arguments(const ProbePoint& point) {
-    static const std::regex argument{"(-?[0-9]+)@(\\[[^\\]]*\\]|[^ ]+)"};
+    static const Pattern argument{"(-?[0-9]+)@(\\[[^]]*\\]|[^ ]+)"};
     const auto names = argument_names.find(point.name);
     if (names == argument_names.end())
         return {};
-    std::string result;
-    auto name = names->second.begin();
-    for (std::sregex_iterator match{point.arguments.begin(), point.arguments.end(), argument}, end;
-         match != end && name != names->second.end(); ++match, ++name) {
+    std::string result, rest = point.arguments;
+    for (const std::string& name : names->second) {
+        const auto match = argument.in(rest);
+        if (!match)
+            break;
+        rest.erase(0, rest.find((*match)[0]) + (*match)[0].size());
         const std::string value = fetch((*match)[2]);
         if (value.empty())
             continue;
-        if (name->back() == '$') {
-            result += " " + name->substr(0, name->size() - 1) + "=+0(" + value + "):string";
+        if (name.back() == '$') {
+            result += " " + name.substr(0, name.size() - 1) + "=+0(" + value + "):string";
             continue;
         }
-        result += " " + *name + "=" + value + ":" + type_of((*match)[1]);
+        result += " " + name + "=";
+        result += value + ":" + type_of((*match)[1]);
         // glibc notes a mutex's owner behind the lock word and the count.
-        if (*name == "mutex")
+        if (name == "mutex")
             result += " owner=+8(" + value + "):u32";
     }
     return result;
