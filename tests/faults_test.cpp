@@ -46,15 +46,15 @@ TEST(StartUp, GoesOnWhenTheSystemRefuses) {
         {[&] { interposed::timer_settime = failing(-1); }, false},
     };
     for (const auto& [refuse, ticks] : cases) {
-        const int status = status_of_child([&refuse = refuse, ticks = ticks] {
-            refuse();
+        const int status = status_of_child([&fail = refuse, does_tick = ticks] {
+            fail();
             const Capture out{1};
             start_kernel();
             if (kernel_priorities.linux_base_priority != 11)
                 _exit(2);
             const bool tried = eventually([] { return refused.load(); });
             usleep(20'000); // for ticks that must not come
-            if (!tried || (ticks ? !eventually([] { return polls > 2; }) : polls > 0))
+            if (!tried || (does_tick ? !eventually([] { return polls > 2; }) : polls > 0))
                 _exit(3);
         });
         EXPECT_EQ(status, 0) << "ticks: " << ticks;
@@ -142,8 +142,8 @@ TEST(Memory, ThatIsLackingIsReportedAndNothingIsKept) {
         const auto before = open_files();
         *text = '\0';
         EXPECT_GT(fail_each_allocation(run,
-                                       [&, report = report] {
-                                           EXPECT_STREQ(text, report);
+                                       [&, expected = report] {
+                                           EXPECT_STREQ(text, expected);
                                            EXPECT_EQ(open_files(), before);
                                        }),
                   0);

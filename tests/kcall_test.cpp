@@ -206,7 +206,7 @@ TEST_P(TickPeriod, ReachesTheTimerOrIsReported) {
         armed = true;
         return 0;
     };
-    EXPECT_EQ(printed_on(2, [us = us] { kcall_initialize_queue(nullptr, us); }),
+    EXPECT_EQ(printed_on(2, [period = us] { kcall_initialize_queue(nullptr, period); }),
               seconds + nanoseconds == 0 ? refusal : "");
     ASSERT_TRUE(eventually([&] { return armed.load(); }));
     EXPECT_EQ(KCall_nsTickPeriod, exported_ns);

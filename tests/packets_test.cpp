@@ -224,10 +224,10 @@ TEST_F(Packets, AreReadWithTheDevicesMtuAndDroppedWithoutABufferOrDevice) {
     const std::pair<int, int> mtu_and_size[] = {
         {1500, 1500}, {600, 600}, {70000, 65535}, {0, 65535}, {-7, 65535}};
     for (const auto& [mtu, size] : mtu_and_size) {
-        interposed::popen = [&, size = size](const char* command, const char* mode) {
+        interposed::popen = [&, expected = size](const char* command, const char* mode) {
             send(socket, "x"); // while the command has still to run
             EXPECT_EQ(stack.take().second.size(), 29u);
-            EXPECT_EQ(stack.last_size, size);
+            EXPECT_EQ(stack.last_size, expected);
             return real::popen(command, mode);
         };
         zel_tun_ipv4_mtu(nullptr, 0, "red", 3, mtu);

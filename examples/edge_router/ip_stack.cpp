@@ -102,12 +102,14 @@ void add_interface(const Interface& planned) {
     netif_set_up(&interface);
 }
 
+pthread_t stack_thread;
+
 // liblwip.so makes this thread with a call of its own, which this program's wrapping does not
 // reach: the thread has its creator's priority, and places itself. (lwIP's own locks are not
 // wrapped either, so they lack priority inheritance; its threads share processor 0, where they are
 // held for microseconds.)
 void become_application_thread() {
-    pthread_setname_np(pthread_self(), "ip stack");
+    stack_thread = pthread_self();
     const sched_param parameters{.sched_priority = priority::ip_stack};
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
     setThreadAffinityCPU0();
@@ -131,6 +133,8 @@ void start_ip_stack() {
     sem_init(&ready, 0, 0);
     tcpip_init(set_up, &ready);
     sem_wait(&ready);
+    // From here: some versions of lwIP name the thread themselves before tcpip_init() returns.
+    pthread_setname_np(stack_thread, "ip stack");
     note_app_thread("ip stack", priority::ip_stack);
 
     zel_tun_packet_init(receive, alloc_buffer, free_buffer, priority::packet_receive);
