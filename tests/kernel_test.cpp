@@ -207,6 +207,14 @@ TEST(RunCommand, CapturesWhatFitsAndReturnsTheStatus) {
                   {"echo no 2>/dev/null >&2", 256, "", 0},
                   {"exec yes", 5, "y\ny\n", SIGPIPE}});
     EXPECT_EQ(zel_run_command("exit 2", nullptr, 0), 512);
+    // On any processor, whichever one the caller is kept on, and goes on to be kept on.
+    constexpr const char* processors = "grep Cpus_allowed_list: /proc/self/status";
+    char before[256], after[256];
+    zel_run_command(processors, before, sizeof before);
+    setThreadAffinityCPU(0);
+    zel_run_command(processors, after, sizeof after);
+    EXPECT_STREQ(after, before);
+    EXPECT_EQ(thread_info(gettid()).status["Cpus_allowed_list"], "0");
     EXPECT_EQ(zel_run_command("trap '' PIPE; sleep 0.1; echo x 2>/dev/null || exit 4", nullptr, 0),
               4 * 256);
 }

@@ -219,6 +219,10 @@ FAULTS = [
            "        std::printf(\"Failed to open file /proc/meminfo\\n\");\n", "        ;\n"),
     command("the last character is not terminated", "capture(running.stream(), output, output_size - 1)",
             "capture(running.stream(), output, output_size)"),
+    command("a command stays on its caller's processor", "CPU_COUNT(&own_) != 1",
+            "CPU_COUNT(&own_) != 0"),
+    command("a caller is not brought back to its processor",
+            "            sched_setaffinity(0, sizeof own_, &own_);\n", "            {}\n"),
     command("a signal cuts the text", "errno != EINTR", "true"),
     closing("commands inherit a command's descriptor", "F_SETFD, FD_CLOEXEC", "F_SETFD, 0"),
 
