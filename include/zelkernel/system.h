@@ -44,11 +44,10 @@ ZEL_EXPORT int64_t zel_get_starttime_in_ns(void);
  * Blocks until the command has ended; a signal does not cut that short, nor does the cancellation
  * of the calling thread, which takes effect then. The descriptor in between is close-on-exec.
  * Standard error is the process's own unless the command says 2>&1. The command runs with the
- * caller's policy and priority: threads below a SCHED_FIFO caller wait for it where there is no
- * other processor. A caller that is kept on one processor is not for as long as the command takes
- * to be started, so that the command may run on any; what Linux has to free after it would
- * otherwise hold up the next thread there that leaves the kernel, a sender of packets by 100 us and
- * more. */
+ * caller's policy and priority: threads below a SCHED_FIFO caller wait for it on the processor on
+ * which it runs. That may be any: a caller that is kept on one processor is not for as long as the
+ * command takes to be started. What Linux has to free after a command would otherwise hold up the
+ * next thread there that leaves the kernel, a sender of packets by 100 us and more. */
 ZEL_EXPORT int zel_run_command(const char* command, char* output, size_t output_size);
 
 ZEL_END_DECLS
