@@ -280,6 +280,7 @@ class Trace(unittest.TestCase):
             browser.tell(f'location.hash = "#{name}"; follow()')
             self.pinch_and_scroll(browser)
             self.show_whole(browser)
+            self.fit_a_telephone(browser)
             for scheme, paper in (("dark", "rgb(20, 24, 29)"), ("light", "rgb(255, 255, 255)")):
                 browser.call("Emulation.setEmulatedMedia",
                              features=[{"name": "prefers-color-scheme", "value": scheme}])
@@ -355,6 +356,17 @@ class Trace(unittest.TestCase):
         self.assertGreater(len(names), 1)
         for one, other in zip(names, names[1:]):
             self.assertTrue(one[0] < other[0] or one[2] <= other[1], names)
+
+    def fit_a_telephone(self, browser):
+        """Letters keep their size, the page is no wider than the screen, and bars have room."""
+        text = 'document.querySelector("#names text").getBoundingClientRect().height'
+        before = browser.tell(text)
+        browser.call("Emulation.setDeviceMetricsOverride", width=390, height=800,
+                     deviceScaleFactor=2, mobile=True)
+        wait_for(lambda: browser.tell("left + width") < 390, "a narrow picture")
+        self.assertAlmostEqual(browser.tell(text), before, delta=2)
+        self.assertEqual(browser.tell("document.documentElement.scrollWidth"), 390)
+        self.assertGreater(browser.tell("width"), 200)
 
     def test_record_ends_in_any_way(self):
         """Memory is bounded; asked to end, the file is whole; whatever ends it, nothing stays."""

@@ -2,7 +2,7 @@
 // Moves the bars of the picture: in numbers of double precision, so that a microsecond of a long
 // recording stays one.
 const svg = document.getElementById("timeline");
-const left = 300, width = 1200 - left;
+let left, width;
 const span = element => ({
   element, t: Number(element.dataset.t), d: Number(element.dataset.d)});
 const whole = span(svg);
@@ -14,6 +14,15 @@ const tracks = [...svg.querySelectorAll(".track")].map(track => {
 });
 const marks = [...svg.querySelectorAll(".mark")].map(span);
 let view = {t: whole.t, d: whole.d};
+
+// As wide as there is room, in pixels: on a telephone, too, names keep the size of their letters.
+function fit() {
+  const all = Math.min(svg.parentElement.clientWidth, 1200);
+  left = Math.min(300, Math.round(all * 0.35));
+  width = all - left;
+  svg.setAttribute("viewBox", `0 0 ${all} ${svg.viewBox.baseVal.height}`);
+  document.getElementById("names").setAttribute("width", left - 4);
+}
 
 const x = t => left + (t - view.t) / view.d * width;
 
@@ -79,7 +88,7 @@ function add(parent, name, attributes, text) {
 function drawAxis() {
   const axis = document.getElementById("axis");
   axis.replaceChildren();
-  const least = view.d / 8;
+  const least = view.d / Math.max(2, width / 110);
   const power = 10 ** Math.floor(Math.log10(least));
   const step = power * [1, 2, 5, 10].find(factor => factor * power >= least);
   for (let t = Math.ceil(view.t / step) * step; t <= view.t + view.d; t += step) {
@@ -115,7 +124,7 @@ function zoom(factor, at = view.t + view.d / 2) {
 // Where it is in the view: 0 at its begin, 1 at its end.
 const placeOf = clientX => {
   const box = svg.getBoundingClientRect();
-  return ((clientX - box.left) / box.width * 1200 - left) / width;
+  return ((clientX - box.left) / box.width * (left + width) - left) / width;
 };
 const timeAt = clientX => view.t + placeOf(clientX) * view.d;
 svg.addEventListener("wheel", event => {
@@ -164,6 +173,11 @@ addEventListener("keydown", event => {
 for (const button of document.querySelectorAll("button"))
   button.addEventListener("click", keys[button.value]);
 
+addEventListener("resize", () => {
+  fit();
+  draw();
+});
+
 // A row of the table leads to its mark, and to its time.
 function follow() {
   const mark = marks.find(({element}) => "#" + element.id === location.hash);
@@ -174,4 +188,5 @@ function follow() {
 }
 addEventListener("hashchange", follow);
 addEventListener("load", follow);  // after the browser has gone to the mark by itself
+fit();
 draw();

@@ -55,10 +55,6 @@ def processor_bars(timeline, cpu, colours):
                    for span in timeline.interrupts[cpu].pieces]
 
 
-def short(name):
-    return name if len(name) <= 50 else name[:47] + "..."
-
-
 class Picture:
     """Of the whole recording, or of `stretch`, a (start, end)."""
 
@@ -132,6 +128,14 @@ class Picture:
             yield f'<text x="{x:.1f}" y="12" text-anchor="middle">{at / 1000:g} ms</text>'
             at += step
 
+    def names(self):
+        """In a picture of their own, which cuts off what has no room."""
+        yield f'<svg id="names" width="{NAMES - 4}" height="{self.height}">'
+        for number, track in enumerate(self.tracks):
+            yield (f'<text x="4" y="{TOP + HEIGHT * number + 17}">{escape(track.name)}'
+                   f'<title>{escape(track.name)}</title></text>')
+        yield "</svg>"
+
     def svg(self):
         yield (f'<svg xmlns="http://www.w3.org/2000/svg" class="zt" id="timeline" role="img" '
                f'viewBox="0 0 {WIDTH} {self.height}" aria-label="Timeline of threads and processors" '
@@ -144,11 +148,11 @@ class Picture:
         for number, track in enumerate(self.tracks):
             top = TOP + HEIGHT * number
             yield f'<path class="axis" d="M0 {top}H{WIDTH}"/>'
-            yield f'<text x="4" y="{top + 17}">{escape(short(track.name))}</text>'
             yield '<g class="track">'
             for bar in track.bars:
                 yield self.bar(bar, top)
             yield "</g>"
+        yield from self.names()
         yield '<g id="marks">'
         for name, case in self.cases.items():
             yield from self.mark(name, case)
