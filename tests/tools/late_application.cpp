@@ -11,10 +11,13 @@
 #include <zelkernel/simulated_platform.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <numeric>
 #include <pthread.h>
 #include <semaphore.h>
 #include <time.h>
@@ -31,8 +34,9 @@ constexpr std::int64_t long_us = 50'000; // more than two periods
 constexpr int vector = 7;
 constexpr int pulses = 40;
 
-std::atomic<std::int64_t> tick_at;     // when the latest poller began
-std::atomic<std::int64_t> punctual_at; // when one began that was on time
+std::atomic<std::int64_t> tick_at;         // when the latest poller began
+std::array<std::int64_t, 100> first_ticks; // when the first ones did: the poller's, up to `ticks`
+std::atomic<std::size_t> ticks;
 std::atomic<bool> linger;
 std::int64_t late_due, lingered_until;
 sem_t ticked, high_may_start, mid_may_start, pulses_served, lingered;
@@ -57,27 +61,31 @@ void print(const char* way, std::int64_t late, std::int64_t culprit) {
                 static_cast<long long>(culprit));
 }
 
-// Two ticks on time tell when others are due: hardly ever are two late by the same. The least late
-// of such pairs is the best.
-void note_punctual(std::int64_t before) {
-    const bool is_punctual = std::abs(tick_at - before - period_us) < period_us / 50;
-    if (is_punctual && (punctual_at == 0 || (tick_at - punctual_at) % period_us > period_us / 2))
-        punctual_at = tick_at.load();
+// Nothing tells when ticks are due, but none comes early and few come very late: their periods
+// begin where all of them together would be the least late.
+std::int64_t period_begin() {
+    const auto begin = first_ticks.begin(), end = begin + static_cast<std::ptrdiff_t>(ticks.load());
+    const auto lateness = [&](std::int64_t due) {
+        return std::accumulate(begin, end, std::int64_t{0}, [due](auto sum, auto at) {
+            return sum + ((at - due) % period_us + period_us) % period_us;
+        });
+    };
+    return *std::min_element(begin, end, [&](auto a, auto b) { return lateness(a) < lateness(b); });
 }
 
 // When the one after the latest is due; that one may have come a little earlier than any before.
 std::int64_t next_due() {
-    const std::int64_t since = tick_at - punctual_at + period_us / 20;
-    return punctual_at + (since / period_us + 1) * period_us;
+    const std::int64_t begin = period_begin(), since = tick_at - begin + period_us / 20;
+    return begin + (since / period_us + 1) * period_us;
 }
 
 // The kernel's own threads may run anywhere: they come to where the application's run.
 void poll() {
-    const std::int64_t before = tick_at;
-    if (before == 0)
+    if (tick_at == 0)
         setThreadAffinityCPU0();
     tick_at = now_us();
-    note_punctual(before);
+    if (ticks < first_ticks.size())
+        first_ticks[ticks++] = tick_at;
     sem_post(&ticked);
     if (late_due != 0) {
         print("poller", tick_at - late_due, lingered_until - late_due);
