@@ -150,7 +150,8 @@ void count_pending_calls() {
 }
 
 // The entry stays in the ring while its call runs, so that it counts as pending until it is done.
-void run_pending_calls() {
+// Within the thread's one large function the loop would be short of registers: 3 % a call.
+[[gnu::noinline]] void run_pending_calls() {
     ++KCallLevel;
     count_pending_calls();
     uint32_t calls = 0;
