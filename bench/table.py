@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Runs the measuring programs, ours and reference by turns, and prints one table of medians.
 
-    table.py HOST_BUILD TARGET_BUILD [--once]
+    table.py HOST_BUILD TARGET_BUILD [--once | --probes HOST_BUILD TARGET_BUILD]
 
 HOST_BUILD/table.md and HOST_BUILD/table.json get the table. A goal that is missed is marked and is
 no failure; a program that fails is. With --once everything runs as briefly as it can, to see that
-it runs: the table is made and not shown.
+it runs: the table is made and not shown. With --probes the library runs by turns with that of two
+builds without probe points, and what is printed is how much each row grows by them.
 """
 
 import collections
@@ -13,16 +14,18 @@ import datetime
 import json
 import os
 import re
+import statistics
 import subprocess
 import sys
 import time
 
 HOST, TARGET = sys.argv[1:3]
 ONCE = sys.argv[3:] == ["--once"]
-TARGET_LIBRARY = f"{TARGET}/src/libzelkernel.so"
+BUILDS = [(HOST, TARGET), *([sys.argv[4:6]] if sys.argv[3:4] == ["--probes"] else [])]
+ROUNDS = 7 if len(BUILDS) > 1 else 1
+TIMES = 3 if len(BUILDS) > 1 else 10  # how often in a round what is brief is measured
 
-# path -> side -> values; the sides are "ours" and, where there is one, "reference".
-samples = collections.defaultdict(lambda: collections.defaultdict(list))
+samples = None  # path -> side -> values; the sides are "ours" and, where there is one, "reference"
 
 progress = ""  # what is being measured, and how much is left
 
@@ -48,8 +51,7 @@ def program(name, *arguments):
 
 def harness(name, repetitions):
     """Google Benchmark's samples: processor time, so that other work on the machine counts less."""
-    if ONCE:
-        repetitions = 1
+    repetitions = 1 if ONCE else repetitions * TIMES
     output = measured(f"{HOST}/bench/{name}", "--benchmark_enable_random_interleaving=true",
                       f"--benchmark_repetitions={repetitions}", "--benchmark_min_time=0.003",
                       "--benchmark_format=json")
@@ -66,9 +68,9 @@ def cyclictest(side, seconds, *options):
     samples["tick"][side] += map(float, re.findall(r"^ *0: *\d+: *(\d+)$", output, re.M))
 
 
-def target_functions():
+def target_functions(library):
     """The target library's functions: name to lines of disassembly."""
-    text = run("arm-linux-gnueabi-objdump", "-d", "--no-show-raw-insn", TARGET_LIBRARY)
+    text = run("arm-linux-gnueabi-objdump", "-d", "--no-show-raw-insn", library)
     return {name: body.splitlines()
             for name, body in re.findall(r"^[0-9a-f]+ <(.+)>:\n((?:.+\n)+)", text, re.M)}
 
@@ -98,50 +100,71 @@ def inner_loop(lines):
     return best
 
 
-def examine_target():
-    functions = target_functions()
+def examine_target(target):
+    library = f"{target}/src/libzelkernel.so"
+    functions = target_functions(library)
     path = called(functions, "__wrap_clock_gettime")
     samples["clock_gettime, target: division routines called"]["ours"] = [
         sum("div" in name for name in path)]
     loaded, instructions = max((inner_loop(functions[name]) for name in functions
                                 if "sum_blocks" in name), default=(0, 0))
     if loaded == 0:
-        sys.exit(f"bench: {TARGET_LIBRARY} has no function sum_blocks with a loop to count in")
+        sys.exit(f"bench: {library} has no function sum_blocks with a loop to count in")
     samples["checksum, target: instructions per byte"]["ours"] = [instructions / loaded]
-    stripped = f"{TARGET}/libzelkernel.stripped.so"
-    run("arm-linux-gnueabi-strip", "-o", stripped, TARGET_LIBRARY)
+    stripped = f"{target}/libzelkernel.stripped.so"
+    run("arm-linux-gnueabi-strip", "-o", stripped, library)
     text, data = run("arm-linux-gnueabi-size", stripped).splitlines()[1].split()[:2]
     samples["size of the target's library, text and data"]["ours"] = [(int(text) + int(data)) / 1024]
 
 
 # What is run, and the seconds that it takes on the machine of docs/benchmarks.md.
 STEPS = [
-    (harness, 20, "calls_bench", 300),
-    (harness, 30, "checksum_bench", 100),
+    (harness, 2 * TIMES, "calls_bench", 30),
+    (harness, 3 * TIMES, "checksum_bench", 10),
     (program, 1, "kcall_pass_bench"),
     (program, 1, "thread_creation_bench"),
     *[(program, 0.5, "interrupt_bench", "ours", "300"),
-      (program, 0.5, "interrupt_bench", "reference", "300")] * 10,
+      (program, 0.5, "interrupt_bench", "reference", "300")] * TIMES,
     (program, 33, "packets_bench"),
     (program, 15, "data_path_bench"),
     (program, 10, "instances_bench"),
     (program, 0.5, "startup_bench"),
     *[(program, 3, "tick_bench", "3"),
       (cyclictest, 3, "cyclictest", 3),
-      (cyclictest, 2, "cyclictest, signals", 2, "--posix_timers")] * 10,
+      (cyclictest, 2, "cyclictest, signals", 2, "--posix_timers")] * TIMES,
 ]
 
 
+def new_samples():
+    return collections.defaultdict(lambda: collections.defaultdict(list))
+
+
 def measure():
-    global progress
+    """The rows of each round and build; the builds take turns at every step."""
+    global progress, rows, samples
     steps = [(step[0], 1, *step[2:]) for step in dict.fromkeys(STEPS)] if ONCE else STEPS
-    begin, done, expected = time.monotonic(), 0, sum(step[1] for step in steps)
-    for number, (method, seconds, name, *arguments) in enumerate(steps, 1):
-        pace = (time.monotonic() - begin) / done if done else 1
-        progress = (f"{number} of {len(steps)}, {name}, in all about "
-                    f"{(expected - done) * pace:.0f} s left")
-        method(name, *arguments)
-        done += seconds
+    turns = len(steps) * ROUNDS * len(BUILDS)
+    begin, done = time.monotonic(), 0
+    expected = sum(step[1] for step in steps) * ROUNDS * len(BUILDS)
+    number, results = 0, []
+    for _ in range(ROUNDS):
+        tables = [new_samples() for _ in BUILDS]
+        for method, seconds, name, *arguments in steps:
+            for (host, _), samples in zip(BUILDS, tables):
+                number += 1
+                pace = (time.monotonic() - begin) / done if done else 1
+                progress = (f"{number} of {turns}, {name}, in all about "
+                            f"{(expected - done) * pace:.0f} s left")
+                os.environ["LD_LIBRARY_PATH"] = f"{host}/src"
+                method(name, *arguments)
+                done += seconds
+        results.append([])
+        for (_, target), samples in zip(BUILDS, tables):
+            examine_target(target)
+            rows = []
+            make_rows()
+            results[-1].append(rows)
+    return results
 
 
 Goal = collections.namedtuple("Goal", "text is_met")
@@ -168,7 +191,7 @@ def percentile(values, share):
     return sorted(values)[min(len(values) - 1, int(len(values) * share))]
 
 
-rows = []
+rows = []  # of the table that is being made
 
 
 def row(path, unit, goal, ours, reference=None, against=""):
@@ -293,12 +316,33 @@ def markdown():
     return "\n".join(lines) + "\n"
 
 
+def growth(first, second):
+    """How many times the second a row's first is, each as the ratio to its reference if it has one."""
+    first, second = (each["ratio"] or each["ours"] for each in (first, second))
+    return 1 if first == second else first / second
+
+
+def comparison(results):
+    lines = [f"Machine: {machine()}; {ROUNDS} rounds", "",
+             "| path | with | without | with : without | least to greatest |",
+             "|---|--:|--:|--:|--:|"]
+    for each in zip(*(zip(*builds) for builds in results)):
+        grown = [growth(*pair) for pair in each]
+        ours = (number(statistics.median(row["ours"] for row in side), side[0]["unit"])
+                for side in zip(*each))
+        path = each[0][0]["path"] + (", to " + each[0][0]["against"] if each[0][0]["against"] else "")
+        lines.append(f"| {path} | {' | '.join(ours)} | {statistics.median(grown):.3f} | "
+                     f"{min(grown):.3f} to {max(grown):.3f} |")
+    return "\n".join(lines) + "\n"
+
+
 load = os.getloadavg()[0]
 if ONCE:
     os.environ["ZEL_BENCH_ONCE"] = "1"
-examine_target()
-measure()
-make_rows()
+all_rows = measure()
+if len(BUILDS) > 1:
+    print(comparison(all_rows), end="")
+    sys.exit()
 table = markdown()
 with open(f"{HOST}/table.md", "w", encoding="utf-8") as output_file:
     output_file.write(table)
