@@ -6,7 +6,7 @@
 HOST_BUILD/table.md and HOST_BUILD/table.json get the table. A goal that is missed is marked and is
 no failure; a program that fails is. With --once everything runs as briefly as it can, to see that
 it runs: the table is made and not shown. With --probes the library runs by turns with that of two
-builds without probe points, and what is printed is how much each row grows by them.
+builds without probe points, and what is printed is each row with : without them.
 """
 
 import collections
@@ -317,7 +317,7 @@ def markdown():
 
 
 def growth(first, second):
-    """How many times the second a row's first is, each as the ratio to its reference if it has one."""
+    """First : second, each of them as the ratio to its reference where it has one."""
     first, second = (each["ratio"] or each["ours"] for each in (first, second))
     return 1 if first == second else first / second
 
