@@ -149,18 +149,20 @@ def measure():
     number, results = 0, []
     for _ in range(ROUNDS):
         tables = [new_samples() for _ in BUILDS]
+        for (_, target), samples in zip(BUILDS, tables):
+            examine_target(target)
         for method, seconds, name, *arguments in steps:
             for (host, _), samples in zip(BUILDS, tables):
                 number += 1
                 pace = (time.monotonic() - begin) / done if done else 1
                 progress = (f"{number} of {turns}, {name}, in all about "
                             f"{(expected - done) * pace:.0f} s left")
-                os.environ["LD_LIBRARY_PATH"] = f"{host}/src"
+                if len(BUILDS) > 1:  # commands that a program runs look there, too
+                    os.environ["LD_LIBRARY_PATH"] = f"{host}/src"
                 method(name, *arguments)
                 done += seconds
         results.append([])
-        for (_, target), samples in zip(BUILDS, tables):
-            examine_target(target)
+        for samples in tables:
             rows = []
             make_rows()
             results[-1].append(rows)
@@ -316,7 +318,7 @@ def markdown():
     return "\n".join(lines) + "\n"
 
 
-def growth(first, second):
+def with_to_without(first, second):
     """First : second, each of them as the ratio to its reference where it has one."""
     first, second = (each["ratio"] or each["ours"] for each in (first, second))
     return 1 if first == second else first / second
@@ -327,12 +329,12 @@ def comparison(results):
              "| path | with | without | with : without | least to greatest |",
              "|---|--:|--:|--:|--:|"]
     for each in zip(*(zip(*builds) for builds in results)):
-        grown = [growth(*pair) for pair in each]
+        ratios = [with_to_without(*pair) for pair in each]
         ours = (number(statistics.median(row["ours"] for row in side), side[0]["unit"])
                 for side in zip(*each))
         path = each[0][0]["path"] + (", to " + each[0][0]["against"] if each[0][0]["against"] else "")
-        lines.append(f"| {path} | {' | '.join(ours)} | {statistics.median(grown):.3f} | "
-                     f"{min(grown):.3f} to {max(grown):.3f} |")
+        lines.append(f"| {path} | {' | '.join(ours)} | {statistics.median(ratios):.3f} | "
+                     f"{min(ratios):.3f} to {max(ratios):.3f} |")
     return "\n".join(lines) + "\n"
 
 

@@ -84,8 +84,10 @@ void poll() {
     if (tick_at == 0)
         setThreadAffinityCPU0();
     tick_at = now_us();
-    if (ticks < first_ticks.size())
-        first_ticks[ticks++] = tick_at;
+    if (ticks < first_ticks.size()) {
+        first_ticks[ticks] = tick_at;
+        ++ticks;
+    }
     sem_post(&ticked);
     if (late_due != 0) {
         print("poller", tick_at - late_due, lingered_until - late_due);
